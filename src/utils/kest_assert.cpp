@@ -1,0 +1,13 @@
+#include "utils/kest_assert.h"
+
+#include <cstdlib>
+
+#include "utils/version.h"
+#include "utils/znlog.h"
+
+void kest_assert_fail(const char* file, int line, const char* facility, const char* condition) {
+  __zn_log(file, line, facility, ZN_ERROR, "assertion \"%s\" failed", condition);
+  __zn_log(file, line, facility, ZN_ERROR, "Kest Server version %s", version_str());
+  __zn_backtrace(file, line, facility);
+  std::abort();
+}
