@@ -1,0 +1,12 @@
+// Process-wide state of the client front end, set by the run driver and read by the session,
+// the result reception and the printer.
+#pragma once
+
+struct ConfigLayer;
+
+// 1 unless -p cleared it; when 0 results are received but nothing is printed.
+extern int print_results;
+// 0 ascii, 1 unicode, 2 raw, 3 html; set once after option scanning.
+extern int output_mode_code;
+// The configuration store (its "cmdline" layer), created first by the run driver.
+extern ConfigLayer* client_config;
