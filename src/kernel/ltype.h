@@ -1,0 +1,90 @@
+// Logical types (the packed 32-bit type word with its parameters), the registry of physical types
+// (how values are stored in column vectors) and the conversion of one stored value to text.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+struct MemContext;
+struct QueryContext;
+
+// Type ids, the low byte of the logical type word.
+enum : uint32_t {
+  LTYPE_NONE = 0,
+  LTYPE_BOOL = 1,
+  LTYPE_SCHR = 2,
+  LTYPE_UCHR = 3,
+  LTYPE_SSHT = 4,
+  LTYPE_USHT = 5,
+  LTYPE_SINT = 6,
+  LTYPE_UINT = 7,
+  LTYPE_SLNG = 8,
+  LTYPE_ULNG = 9,
+  LTYPE_S128 = 10,
+  LTYPE_UIDX = 11,
+  LTYPE_DECIMAL = 12,
+  LTYPE_FLT4 = 13,
+  LTYPE_FLT8 = 14,
+  LTYPE_MONEY = 15,
+  LTYPE_CHAR = 16,
+  LTYPE_VCHAR = 17,
+  LTYPE_DATE = 18,
+  LTYPE_TIME = 19,
+  LTYPE_TIMESTAMP = 20,
+  LTYPE_INTERVALDS = 21,
+  LTYPE_INTERVALYM = 22,
+  LTYPE_COUNT = 23
+};
+
+inline constexpr uint32_t ltype_id(uint32_t type) { return type & 0xFFu; }
+
+// One physical type. The registry owns the records; callers hold pointers and never free them.
+struct PhysicalType {
+  char name[64];         // "uchr", "sint", "slng", "s128", "flt", "dbl", "str", "ptr", ...
+  uint32_t index;        // place in the registry
+  int32_t width_class;   // 1,2 = one byte, 3 = two, 4 = four, 5 = eight, 6 = sixteen
+  int32_t is_integer;
+  int32_t fixed_size;    // 0 only for "str": the column stores one pointer per value
+  int32_t by_reference;  // 1 only for "str"
+  double min;
+  double max;
+};
+
+// Fills the conversion tables and registers the built-in physical types; idempotent. Call once at
+// start before any other thread exists.
+void types_init();
+
+// Logical type names.
+uint32_t ltype_from_name(const char* name, int p1, int p2);  // 0 on failure (logged)
+uint32_t ltype_parse(const char* text);                      // "decimal(12,2)", "varchar(5)", ...
+const char* ltype_name(uint32_t type);                       // bare name, or "UNKNOWNTYPE"
+// Writes the full type text ("decimal(12,2)", "str", "time(3)", ...) into `buffer`, which must
+// hold at least 64 bytes; returns its length.
+int ltype_to_string(char* buffer, uint32_t type);
+const char* ltype_format(MemContext* ctx, uint32_t type, uint32_t flags);
+void ltype_params(uint32_t type, int* p1, int* p2);
+int ltype_digits(uint32_t type);
+int ltype_display_width(uint32_t type);  // 0 when the type has none
+bool ltype_is_scaled(uint32_t id);
+const PhysicalType* ltype_physical(uint32_t type);  // null for unknown ids
+double ltype_min(uint32_t type);
+double ltype_max(uint32_t type);
+uint32_t ltype_common(uint32_t a, uint32_t b);
+
+// The physical type registry: at most 64 entries, filled once at start.
+uint32_t ptype_register(const PhysicalType* descriptor);
+int ptype_index(const char* name);               // -1 when unknown (exact, case-sensitive)
+const PhysicalType* ptype_lookup(const char* name);  // null when unknown
+const PhysicalType* ptype_get(uint32_t index);       // null when out of range
+uint32_t ptype_count();
+int ptype_width(const PhysicalType* descriptor);     // bytes per value (0 for an unknown class)
+
+// Text of the value at `value`, stored as `physical`, meaning `type`. Returns the number of
+// characters written, or -1 when the text does not fit in `size` bytes.
+int value_to_string(char* buffer, size_t size, const PhysicalType* physical, uint32_t type,
+                    const void* value);
+// The reverse conversion, storing into `result` with the storage width of `type`; 0 or the error
+// code raised on `context`.
+int value_from_string(QueryContext* context, void* result, uint32_t type, const char* text);
+// Parses and prints again, in storage of the context; null when parsing failed.
+char* value_normalise(QueryContext* context, uint32_t type, const char* text);
