@@ -1,0 +1,11 @@
+# Every tests/fuzz/*_fuzz.cpp is one libFuzzer program named fuzz_<name>.
+file(GLOB KEST_FUZZ_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/fuzz/*_fuzz.cpp)
+file(GLOB KEST_FUZZ_SUPPORT CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/fuzz/support/*.cpp)
+foreach(src IN LISTS KEST_FUZZ_SOURCES)
+  get_filename_component(stem ${src} NAME_WE)
+  string(REGEX REPLACE "_fuzz$" "" name ${stem})
+  add_executable(fuzz_${name} ${src} ${KEST_FUZZ_SUPPORT})
+  target_include_directories(fuzz_${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(fuzz_${name} PRIVATE kest_client_core kest_kernel kest_utils)
+  target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+endforeach()
