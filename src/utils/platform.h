@@ -6,6 +6,13 @@
 #include <cstddef>
 #include <cstdint>
 
+// The separator of path components when the runtime joins a directory and a file name.
+#ifdef _WIN32
+inline constexpr char kPathSeparator = '\\';
+#else
+inline constexpr char kPathSeparator = '/';
+#endif
+
 // Seconds since 1970-01-01 00:00:00 UTC and microseconds.
 struct TimeVal {
   int32_t tv_sec;
@@ -18,9 +25,17 @@ int gettimeofday(TimeVal* tv, void* tz);
 // Seconds since the epoch for UTC calendar fields (month 1-12, day 1-31), as gettimeofday
 // computes them.
 int64_t utc_fields_to_seconds(int year, int month, int day, int hour, int minute, int second);
-int64_t current_day_number();        // days since 0000-01-01 (1970-01-01 is 719528)
-int64_t current_time_usec();         // microseconds since year 0
+int64_t current_day_number();  // days since 0000-01-01 (1970-01-01 is 719528)
+int64_t current_time_usec();   // microseconds since year 0
 int64_t current_usec_since_midnight();
+
+// Local calendar time of the wall clock now, as the platform's time-zone rules give it.
+struct LocalTime {
+  int year, month, day;  // month 1-12, day 1-31
+  int hour, minute, second;
+  int64_t usec;  // microseconds within the second
+};
+LocalTime local_time_now();
 
 void sleep_ms(uint32_t milliseconds);
 uint32_t current_thread_id();
@@ -34,6 +49,24 @@ Lock* lock_create();
 void lock_destroy(Lock* lock);  // null is ignored
 void lock_acquire(Lock* lock);
 void lock_release(Lock* lock);
+// Takes the lock only when that needs no waiting; true when it was taken.
+bool lock_try_acquire(Lock* lock);
+
+// Holds a Lock for one scope; a null lock is not taken.
+class LockGuard {
+ public:
+  explicit LockGuard(Lock* lock) : lock_(lock) {
+    if (lock_) lock_acquire(lock_);
+  }
+  ~LockGuard() {
+    if (lock_) lock_release(lock_);
+  }
+  LockGuard(const LockGuard&) = delete;
+  LockGuard& operator=(const LockGuard&) = delete;
+
+ private:
+  Lock* lock_;
+};
 
 // A lock that keeps contention statistics in processor time-stamp ticks.
 struct TimedLockStats {
@@ -48,20 +81,36 @@ TimedLock* timed_lock_create();
 void timed_lock_destroy(TimedLock* lock);
 void timed_lock_acquire(TimedLock* lock);
 void timed_lock_release(TimedLock* lock);
+// A snapshot of the counters; read it while holding the lock for a consistent view.
 TimedLockStats timed_lock_stats(const TimedLock* lock);
+// The time-stamp counter the statistics are kept in (the processor's on x86, else a steady clock).
+uint64_t tick_counter();
 
 // Virtual memory. Sizes are rounded up to pages; `*reserved` (in/out) is the address space to
 // reserve, rounded up to the 64 KiB granularity and written back. Null on failure.
+// vm_reserve_commit: when `*reserved` exceeds the size, that much address space is reserved and
+// only the first `size` bytes are usable; otherwise (or when the reservation fails) exactly the
+// rounded size is reserved and committed and `*reserved` is set to it.
+// Large pages are never enabled by this layer: large_page_size() stays 0 and the large forms use
+// the normal page size (on Linux they ask for transparent huge pages).
 constexpr size_t kPageSize = 4096;
 constexpr size_t kReserveGranularity = 65536;
 size_t large_page_size();  // 0 while large pages are unavailable
 void* vm_reserve_commit(size_t size, size_t* reserved);
 void* vm_reserve_commit_large(size_t size, size_t* reserved);
-// Grows or shrinks a region in place when possible, else moves it (copying `old_size` bytes).
+// Grows or shrinks a region in place when possible, else moves it (copying `old_size` bytes,
+// releasing the old region) and returns the new address; null when even moving failed (the old
+// region is then untouched). `*reserved` is written back as the larger of the new size and
+// `wanted_reserve`; on POSIX, where release must know the true extent, it is the region's actual
+// reservation. Pass the last written-back value to vm_release.
 void* vm_resize(void* addr, size_t old_size, size_t new_size, size_t wanted_reserve,
                 size_t* reserved);
 void* vm_resize_large(void* addr, size_t old_size, size_t new_size, size_t wanted_reserve,
                       size_t* reserved);
 void vm_release(void* addr, size_t reserved);
 
+// The runtime library's pseudo-random number (rand).
 int kest_random();
+
+// Sets (or, with a null value, removes) an environment variable of this process; 0 on success.
+int platform_setenv(const char* name, const char* value);
