@@ -9,18 +9,6 @@ namespace {
 
 constexpr const char* kFacility = "ERROR";
 
-// Holds the context's lock for a scope; the lock is recursive, so logging under it is safe.
-class LockGuard {
- public:
-  explicit LockGuard(Lock* lock) : lock_(lock) { lock_acquire(lock_); }
-  ~LockGuard() { lock_release(lock_); }
-  LockGuard(const LockGuard&) = delete;
-  LockGuard& operator=(const LockGuard&) = delete;
-
- private:
-  Lock* lock_;
-};
-
 // Turns the remembered KEST_OK record into the new error when no new record can be made.
 KestError* reuse_ok_record(KestError* ok, int32_t code, int32_t count) {
   ZN_LOG(kFacility, ZN_DEBUG, "add_error: reusing existing KEST_OK");
