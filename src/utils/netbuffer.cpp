@@ -1,0 +1,296 @@
+#include "utils/netbuffer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdlib>
+#include <cstring>
+
+#include "utils/kest_assert.h"
+#include "utils/netbuffer_socket.h"
+#include "utils/znlog.h"
+
+namespace {
+
+constexpr const char* kFacility = "NETBUFFER";
+constexpr unsigned char kVarStep = 255;
+
+void assert_building(const NetBuffer* buf) {
+  KEST_ASSERT(kFacility, buf && buf->state == NETBUF_BUILDING);
+}
+
+void assert_parsing(const NetBuffer* buf) {
+  KEST_ASSERT(kFacility, buf && buf->state == NETBUF_PARSING);
+}
+
+// Grows the data area by doubling until it holds `required` bytes. A message beyond the frame
+// cap can never be sent or received, so it counts as an allocation that fails.
+void make_room(NetBuffer* buf, int64_t required) {
+  if (required <= buf->size) return;
+  if (required > NETBUF_MAX_FRAME) {
+    ZN_LOG(kFacility, ZN_ERROR, "message of %" PRId64 " bytes exceeds the frame limit of %d bytes",
+           required, NETBUF_MAX_FRAME);
+    free(buf->data);
+    buf->data = nullptr;
+  } else {
+    int32_t size = buf->size > 0 ? buf->size : NETBUF_INITIAL_SIZE;
+    while (size < required) size *= 2;
+    char* grown = static_cast<char*>(realloc(buf->data, static_cast<size_t>(size)));
+    if (grown == nullptr) free(buf->data);
+    buf->data = grown;
+    buf->size = size;
+  }
+  KEST_ASSERT(kFacility, buf->data);
+}
+
+void put_bytes(NetBuffer* buf, const void* bytes, int64_t len) {
+  if (len > 0) std::memcpy(buf->data + buf->pos, bytes, static_cast<size_t>(len));
+  buf->pos += static_cast<int32_t>(len);
+}
+
+void store_be32(char* at, uint32_t value) {
+  for (int i = 3; i >= 0; --i, value >>= 8) at[i] = static_cast<char>(value & 0xFF);
+}
+
+uint32_t load_be32(const char* at) {
+  uint32_t value = 0;
+  for (int i = 0; i < 4; ++i) value = (value << 8) | static_cast<unsigned char>(at[i]);
+  return value;
+}
+
+// The var prefix at `at`: the length, and in `*prefix` the number of prefix bytes. Asserts that
+// the prefix and the bytes it announces both end inside the message.
+int64_t decode_var_length(const NetBuffer* buf, int64_t* prefix) {
+  int64_t pos = buf->pos;
+  int64_t len = 0;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(buf->data);
+  while (pos < buf->used && bytes[pos] == kVarStep) {
+    len += kVarStep;
+    ++pos;
+  }
+  KEST_ASSERT_TEXT(kFacility, pos < buf->used, "pos + len <= buf->used");
+  len += bytes[pos++];
+  KEST_ASSERT(kFacility, pos + len <= buf->used);
+  *prefix = pos - buf->pos;
+  return len;
+}
+
+// What a receive did while reading the frame header.
+enum class HeaderResult { kComplete, kClosed, kError };
+
+HeaderResult receive_header(NetBuffer* buf) {
+  while (buf->pos < buf->used) {
+    const int64_t n =
+        net_recv(buf->socket, buf->data + buf->pos, static_cast<size_t>(buf->used - buf->pos));
+    if (n > 0) {
+      buf->pos += static_cast<int32_t>(n);
+      continue;
+    }
+    const int error = n == 0 ? 0 : net_last_error();
+    if (n == 0 || net_error_is_reset(error)) {
+      if (n != 0) buf->state = NETBUF_RESET;
+      ZN_LOG(kFacility, ZN_INFO, "Client closed connection");
+      return HeaderResult::kClosed;
+    }
+    ZN_LOG(kFacility, ZN_ERROR, "Error while receiving length: %d", error);
+    return HeaderResult::kError;
+  }
+  return HeaderResult::kComplete;
+}
+
+int receive_body(NetBuffer* buf) {
+  while (buf->pos < buf->used) {
+    const int32_t want = std::min(buf->used - buf->pos, NETBUF_CHUNK);
+    const int64_t n = net_recv(buf->socket, buf->data + buf->pos, static_cast<size_t>(want));
+    if (n > 0) {
+      buf->pos += static_cast<int32_t>(n);
+    } else if (n == 0) {
+      ZN_LOG(kFacility, ZN_ERROR, "Remote socket closed while receiving");
+      return -1;
+    } else {
+      ZN_LOG(kFacility, ZN_ERROR, "Error while receiving data: %d", net_last_error());
+      return -1;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+int network_init() { return net_startup(); }
+
+void NetBufferInit(NetBuffer* buf, int32_t socket) {
+  KEST_ASSERT(kFacility, buf);
+  free(buf->data);
+  buf->state = NETBUF_BUILDING;
+  buf->socket = socket;
+  buf->pos = 4;
+  buf->used = 0;
+  buf->size = NETBUF_INITIAL_SIZE;
+  buf->data = static_cast<char*>(calloc(1, NETBUF_INITIAL_SIZE));
+  KEST_ASSERT(kFacility, buf->data);
+  if (net_set_nodelay(socket) != 0)
+    ZN_LOG(kFacility, ZN_ERROR, "%s: %s", "setting TCP_NODELAY", net_error_text(net_last_error()));
+}
+
+void NetBufferClear(NetBuffer* buf) {
+  KEST_ASSERT(kFacility, buf);
+  buf->pos = 4;
+  buf->used = 0;
+  if (buf->state != NETBUF_RESET) buf->state = NETBUF_BUILDING;
+}
+
+void NetBufferPut(NetBuffer* buf, const void* bytes, int32_t len) {
+  if (buf && buf->state == NETBUF_RESET) return;
+  assert_building(buf);
+  if (len <= 0) return;
+  make_room(buf, int64_t{buf->pos} + len);
+  put_bytes(buf, bytes, len);
+}
+
+void NetBufferPutInt(NetBuffer* buf, uint32_t value) {
+  char bytes[4];
+  store_be32(bytes, value);
+  NetBufferPut(buf, bytes, 4);
+}
+
+void NetBufferPutSlng(NetBuffer* buf, int64_t value) {
+  char bytes[8];
+  uint64_t bits = static_cast<uint64_t>(value);
+  for (int i = 7; i >= 0; --i, bits >>= 8) bytes[i] = static_cast<char>(bits & 0xFF);
+  NetBufferPut(buf, bytes, 8);
+}
+
+void NetBufferPutVar(NetBuffer* buf, const void* bytes, int32_t len) {
+  if (buf && buf->state == NETBUF_RESET) return;
+  assert_building(buf);
+  if (len < 0) len = 0;
+  const int32_t steps = len / kVarStep;
+  make_room(buf, int64_t{buf->pos} + steps + len + 1);
+  std::memset(buf->data + buf->pos, kVarStep, static_cast<size_t>(steps));
+  buf->pos += steps;
+  buf->data[buf->pos++] = static_cast<char>(len % kVarStep);
+  put_bytes(buf, bytes, len);
+}
+
+void NetBufferPutStr(NetBuffer* buf, const char* text) {
+  const size_t len = text ? std::strlen(text) : 0;
+  // Longer than any frame: make_room refuses it with its assertion.
+  NetBufferPutVar(buf, text, len > size_t{NETBUF_MAX_FRAME} ? NETBUF_MAX_FRAME : int32_t(len));
+}
+
+int NetBufferSend(NetBuffer* buf) {
+  KEST_ASSERT(kFacility, buf);
+  if (buf->state == NETBUF_RESET) {
+    ZN_LOG(kFacility, ZN_WARN, "Not sending data, connection was reset before.");
+    return -1;
+  }
+  assert_building(buf);
+  buf->state = NETBUF_SENDING;
+  buf->used = buf->pos;
+  store_be32(buf->data, static_cast<uint32_t>(buf->used));
+  buf->pos = 0;
+  while (buf->pos < buf->used) {
+    const int32_t chunk = std::min(buf->used - buf->pos, NETBUF_CHUNK);
+    const int64_t n = net_send(buf->socket, buf->data + buf->pos, static_cast<size_t>(chunk));
+    if (n < 0) {
+      const int error = net_last_error();
+      const int saved_errno = errno;
+      if (net_error_is_reset(error)) buf->state = NETBUF_RESET;
+      ZN_LOG(kFacility, ZN_ERROR, "%s: %s", "Error while sending", std::strerror(saved_errno));
+      return -1;
+    }
+    buf->pos += static_cast<int32_t>(n);
+  }
+  return 0;
+}
+
+int NetBufferRecv(NetBuffer* buf) {
+  KEST_ASSERT(kFacility, buf);
+  buf->state = NETBUF_RECEIVING;
+  buf->used = 4;
+  buf->pos = 0;
+  switch (receive_header(buf)) {
+    case HeaderResult::kClosed:
+      return 0;
+    case HeaderResult::kError:
+      return -1;
+    case HeaderResult::kComplete:
+      break;
+  }
+  const uint32_t total = load_be32(buf->data);
+  if (total < 4 || total > uint32_t{NETBUF_MAX_FRAME}) {
+    ZN_LOG(kFacility, ZN_ERROR, "Invalid message length %" PRIu32 " (allowed 4 to %d)", total,
+           NETBUF_MAX_FRAME);
+    return -1;
+  }
+  buf->used = static_cast<int32_t>(total);
+  make_room(buf, total);
+  if (receive_body(buf) != 0) return -1;
+  buf->state = NETBUF_PARSING;
+  buf->pos = 4;
+  return 1;
+}
+
+int NetBufferTimedRecv(NetBuffer* buf, int64_t microseconds) {
+  KEST_ASSERT(kFacility, buf);
+  const int ready = net_wait_readable(buf->socket, microseconds);
+  if (ready == 0) return -2;
+  if (ready < 0) {
+    ZN_LOG(kFacility, ZN_ERROR, "Error while waiting for data: %d", net_last_error());
+    return -1;
+  }
+  return NetBufferRecv(buf);
+}
+
+void NetBufferGet(NetBuffer* buf, void* dest, int64_t len) {
+  assert_parsing(buf);
+  KEST_ASSERT_TEXT(kFacility, len >= 0 && buf->pos + len <= buf->used,
+                   "buf->pos + len <= buf->used");
+  if (len > 0) std::memcpy(dest, buf->data + buf->pos, static_cast<size_t>(len));
+  buf->pos += static_cast<int32_t>(len);
+}
+
+uint32_t NetBufferGetInt(NetBuffer* buf) {
+  char bytes[4];
+  NetBufferGet(buf, bytes, 4);
+  return load_be32(bytes);
+}
+
+int64_t NetBufferGetSlng(NetBuffer* buf) {
+  unsigned char bytes[8];
+  NetBufferGet(buf, bytes, 8);
+  uint64_t bits = 0;
+  for (unsigned char b : bytes) bits = (bits << 8) | b;
+  return static_cast<int64_t>(bits);
+}
+
+int64_t NetBufferGetLen(NetBuffer* buf) {
+  assert_parsing(buf);
+  int64_t prefix = 0;
+  return decode_var_length(buf, &prefix);
+}
+
+int64_t NetBufferGetVar(NetBuffer* buf, void* dest) {
+  assert_parsing(buf);
+  int64_t prefix = 0;
+  const int64_t len = decode_var_length(buf, &prefix);
+  buf->pos += static_cast<int32_t>(prefix);
+  NetBufferGet(buf, dest, len);
+  return len;
+}
+
+int64_t NetBufferGetStr(NetBuffer* buf, char* dest) {
+  const int64_t len = NetBufferGetVar(buf, dest);
+  dest[len] = '\0';
+  return len;
+}
+
+void NetBufferClose(NetBuffer* buf) {
+  KEST_ASSERT(kFacility, buf);
+  if (buf->socket != kNetNoSocket && net_close(buf->socket) != 0)
+    ZN_LOG(kFacility, ZN_ERROR, "%s: %s", "Error closing socket", net_error_text(net_last_error()));
+  buf->socket = kNetNoSocket;
+  free(buf->data);
+  buf->data = nullptr;
+}

@@ -1,0 +1,85 @@
+// Test fakes for anything that speaks the framed wire protocol: byte builders for frames and
+// fields, and a loopback peer thread that accepts one connection and plays a script of steps.
+//
+//   kest_test::ScriptedPeer peer({.chunk = 1, .pause_us = 100});   // drip one byte at a time
+//   peer.send(kest_test::frame(kest_test::be32(7))).close();
+//   peer.start();
+//   int32_t s = peer.connect_client();          // a socket connected to the peer
+//   ... NetBufferInit(&nb, s); NetBufferRecv(&nb) ...
+//   ASSERT_TRUE(peer.join());                   // the script ran to its end
+//
+// The peer listens on 127.0.0.1 only, on a port the system picks. Every wait in it is bounded
+// (kStepTimeoutUs per step), so a test whose client misbehaves fails instead of hanging.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace kest_test {
+
+// Field encodings of the wire format, for building expected or scripted bytes.
+std::string be32(uint32_t value);
+std::string be64(int64_t value);
+std::string var(std::string_view bytes);   // length prefix and the bytes
+std::string frame(std::string_view body);  // the 4-byte total length, then the body
+
+class ScriptedPeer {
+ public:
+  struct Options {
+    size_t chunk = 0;  // bytes per send call; 0 sends each step's bytes in one go
+    int pause_us = 0;  // pause after each chunk, so the receiver sees partial data
+  };
+  static constexpr int64_t kStepTimeoutUs = 10'000'000;
+
+  ScriptedPeer();
+  explicit ScriptedPeer(Options options);
+  ~ScriptedPeer();  // joins the thread and closes every socket it still holds
+  ScriptedPeer(const ScriptedPeer&) = delete;
+  ScriptedPeer& operator=(const ScriptedPeer&) = delete;
+
+  uint16_t port() const { return port_; }
+
+  // Script steps, queued before start() and played in order after the connection is accepted.
+  ScriptedPeer& send(std::string bytes);
+  ScriptedPeer& read_frame();   // reads one whole frame (header included) into frames()
+  ScriptedPeer& read_to_end();  // reads until the client closes; the bytes go to received()
+  ScriptedPeer& wait_us(int microseconds);
+  ScriptedPeer& close();  // orderly end (the client reads end-of-stream)
+  ScriptedPeer& reset();  // abortive end (the client sees a connection reset)
+  // Runs `step` with the accepted socket, for anything the other steps cannot express.
+  ScriptedPeer& custom(std::function<bool(int32_t socket)> step);
+
+  // Starts the thread. A script without close() or reset() closes orderly at its end.
+  void start();
+  // Waits for the thread; true when every step succeeded.
+  bool join();
+  // A socket connected to this peer (owned by the caller), or -1.
+  int32_t connect_client() const;
+
+  std::vector<std::string> frames() const;
+  std::string received() const;
+
+ private:
+  void run();
+  bool send_all(int32_t s, std::string_view bytes) const;
+  bool read_exact(int32_t s, char* dest, size_t len) const;
+
+  Options options_;
+  int32_t listener_ = -1;
+  uint16_t port_ = 0;
+  std::vector<std::function<bool(int32_t)>> steps_;
+  std::thread thread_;
+  bool ok_ = false;
+  bool joined_ = true;
+  mutable std::mutex lock_;
+  std::vector<std::string> frames_;
+  std::string received_;
+};
+
+}  // namespace kest_test
