@@ -40,9 +40,9 @@ inline constexpr uint32_t ltype_id(uint32_t type) { return type & 0xFFu; }
 
 // One physical type. The registry owns the records; callers hold pointers and never free them.
 struct PhysicalType {
-  char name[64];         // "uchr", "sint", "slng", "s128", "flt", "dbl", "str", "ptr", ...
-  uint32_t index;        // place in the registry
-  int32_t width_class;   // 1,2 = one byte, 3 = two, 4 = four, 5 = eight, 6 = sixteen
+  char name[64];        // "uchr", "sint", "slng", "s128", "flt", "dbl", "str", "ptr", ...
+  uint32_t index;       // place in the registry
+  int32_t width_class;  // 1,2 = one byte, 3 = two, 4 = four, 5 = eight, 6 = sixteen
   int32_t is_integer;
   int32_t fixed_size;    // 0 only for "str": the column stores one pointer per value
   int32_t by_reference;  // 1 only for "str"
@@ -66,21 +66,35 @@ void ltype_params(uint32_t type, int* p1, int* p2);
 int ltype_digits(uint32_t type);
 int ltype_display_width(uint32_t type);  // 0 when the type has none
 bool ltype_is_scaled(uint32_t id);
-const PhysicalType* ltype_physical(uint32_t type);  // null for unknown ids
+// Bytes a value of this type takes when stored without a physical type at hand: "decimal" 1, 2,
+// 4, 8 or 16 by precision; "date", "intervalym" 4; "time" 4 (f < 5) or 8; "timestamp",
+// "intervalds" 8; every other id 1.
+int ltype_storage_width(uint32_t type);
+// The registered descriptor values of this type use; null for unknown ids and before types_init.
+const PhysicalType* ltype_physical(uint32_t type);
 double ltype_min(uint32_t type);
 double ltype_max(uint32_t type);
 uint32_t ltype_common(uint32_t a, uint32_t b);
 
 // The physical type registry: at most 64 entries, filled once at start.
 uint32_t ptype_register(const PhysicalType* descriptor);
-int ptype_index(const char* name);               // -1 when unknown (exact, case-sensitive)
+int ptype_index(const char* name);                   // -1 when unknown (exact, case-sensitive)
 const PhysicalType* ptype_lookup(const char* name);  // null when unknown
 const PhysicalType* ptype_get(uint32_t index);       // null when out of range
 uint32_t ptype_count();
-int ptype_width(const PhysicalType* descriptor);     // bytes per value (0 for an unknown class)
+int ptype_width(const PhysicalType* descriptor);  // bytes per value (0 for an unknown class)
 
 // Text of the value at `value`, stored as `physical`, meaning `type`. Returns the number of
-// characters written, or -1 when the text does not fit in `size` bytes.
+// characters written, or -1 when the text does not fit in `size` bytes (the buffer then holds a
+// terminated cut, as str_bprintf leaves it). One exception, kept on purpose: a "char" code point
+// whose UTF-8 does not fit leaves the buffer empty and returns its byte length.
+// The value layout per logical type (with the physical type of ltype_physical): bool, integers,
+// date, time, timestamp, intervals and decimals are integers of the physical width; "s128" and
+// decimals of precision 19 or more are an s128 (kernel/s128.h); "flt" a float; "dbl" and "money"
+// a double ("money" counts cents); "char" of length 1 an int32_t code point; other "char" and
+// "varchar" a const char* to a terminated string. `value` need not be aligned.
+// REQUIRES: physical is non-null; a "dbl" physical type means "dbl" or "decimal", a "flt" one a
+// float type and "str" a string type (else assertion).
 int value_to_string(char* buffer, size_t size, const PhysicalType* physical, uint32_t type,
                     const void* value);
 // The reverse conversion, storing into `result` with the storage width of `type`; 0 or the error
