@@ -241,7 +241,8 @@ TEST(HashTable, RandomOperationsMatchAnUnorderedMap) {
     // Grow to a few thousand entries, then drain most of them, to exercise growth and shrinking.
     const bool filling = round % 2 == 0;
     for (int op = 0; op < 6000; ++op) {
-      const int64_t key = static_cast<int64_t>(rng() % 4096) - 2048 + (rng() % 2 ? 0 : INT64_MIN);
+      const int64_t key = static_cast<int64_t>(rng() % 4096) - 2048 +
+                          (rng() % 2 ? 0 : int64_t{0x76543210} << 32);  // high words mix too
       const bool do_insert = filling ? rng() % 4 != 0 : rng() % 4 == 0;
       if (do_insert && !model.count(key)) {
         const auto value = static_cast<int64_t>(rng());
