@@ -1,11 +1,3 @@
-#include "utils/version.h"
+#include "tools/standalone_client/driver.h"
 
-#include <cstring>
-
-int main(int argc, char** argv) {
-  if (argc > 1 && std::strcmp(argv[1], "-v") == 0) {
-    version(argv[0]);
-    return 0;
-  }
-  return -1;
-}
+int main(int argc, char** argv) { return kest_client_main(argc, argv); }

@@ -1,0 +1,156 @@
+#include "tools/standalone_client/driver.h"
+
+#include <cstring>
+#include <memory>
+
+#include "tools/standalone_client/client_globals.h"
+#include "tools/standalone_client/options.h"
+#include "utils/platform.h"
+#include "utils/version.h"
+#include "utils/znconfig.h"
+#include "utils/znlog.h"
+
+namespace {
+
+constexpr const char* kFacility = "KESTCLIENT";
+constexpr const char* kPingQuery = "Array([i=0])";
+constexpr int kClient = ZNCONFIG_GROUP_CLIENT;
+
+void set_output_mode(ConfigLayer* config, const char* mode) {
+  znconfig_set_str(config, kClient, ZNCONFIG_CLIENT_OUTPUT_MODE, mode);
+}
+
+// Acts on one scanned option. False when the run must end (the outcome is then in *end).
+bool act(int letter, const char* value, int argc, char** argv, ClientRun* run,
+         OptionsOutcome* end) {
+  ConfigLayer* config = run->config;
+  switch (letter) {
+    case 'P':
+      znconfig_set_by_id(config, kClient, ZNCONFIG_CLIENT_PORT, value);
+      return true;
+    case 't':
+      znconfig_set_by_id(config, kClient, ZNCONFIG_CLIENT_CONNECTION_RETRIES, value);
+      return true;
+    case 'a':
+      znconfig_set_str(config, kClient, ZNCONFIG_CLIENT_PASSFILE, value);
+      return true;
+    case 'h':
+      znconfig_set_str(config, kClient, ZNCONFIG_CLIENT_HOST, value);
+      return true;
+    case 'o':
+      set_output_mode(config, value);
+      return true;
+    case 'u':
+      set_output_mode(config, "unicode");
+      return true;
+    case 'n':
+      set_output_mode(config, "ascii");
+      return true;
+    case 'r':
+      set_output_mode(config, "raw");
+      return true;
+    case 'e':
+      run->query = value;
+      return true;
+    case 'i':
+      run->ignore_errors = true;
+      return true;
+    case 'p':
+      run->ping = true;
+      print_results = 0;
+      return true;
+    case 'c':
+      // Settings files sit below the command line, whatever the order of the options.
+      znconfig_parse_config(config->parent ? config->parent : config, value, 1);
+      return true;
+    case 'f':
+      client_run_close_file(run);
+      run->file = std::fopen(value, "rb");
+      if (run->file) return true;
+      std::fprintf(stderr, "\nError: cannot read file '%s'\n", value);
+      *end = OptionsOutcome::kExitFailed;
+      return false;
+    case 'v':
+      version(argc > 0 ? argv[0] : "kest_client");
+      *end = OptionsOutcome::kExitOk;
+      return false;
+    default:
+      print_usage(argc, argv, config);
+      *end = OptionsOutcome::kExitFailed;
+      return false;
+  }
+}
+
+// Steps that need the query source and the server session.
+int run_queries(ClientRun* /*run*/) {
+  ZN_LOG(kFacility, ZN_ERROR, "cannot run queries: this build has no query splitter or session");
+  return -1;
+}
+
+struct StoreOwner {
+  ConfigLayer* config;
+  ~StoreOwner() {
+    if (client_config == config) client_config = nullptr;
+    znconfig_free(config);
+  }
+};
+
+struct FileOwner {
+  ClientRun* run;
+  ~FileOwner() { client_run_close_file(run); }
+};
+
+}  // namespace
+
+OptionsOutcome client_scan_options(int argc, char** argv, ClientRun* run) {
+  get_option_reset();
+  OptionsOutcome end = OptionsOutcome::kRun;
+  for (;;) {
+    const char* value = nullptr;
+    const int letter = get_option(argc, argv, kest_client_options, &value);
+    if (letter == GET_OPTION_END) return OptionsOutcome::kRun;
+    if (!act(letter, value, argc, argv, run, &end)) return end;
+  }
+}
+
+int client_output_mode_code(const char* mode) {
+  if (!mode) return 0;
+  if (std::strcmp(mode, "html") == 0) return 3;
+  if (std::strcmp(mode, "raw") == 0) return 2;
+  if (std::strcmp(mode, "unicode") == 0) return 1;
+  return 0;
+}
+
+void client_run_close_file(ClientRun* run) {
+  if (run->file) std::fclose(run->file);
+  run->file = nullptr;
+}
+
+int kest_client_main(int argc, char** argv) {
+  ClientRun run;
+  run.config = znconfig_create();
+  StoreOwner store{run.config};
+  FileOwner file{&run};
+  client_config = run.config;
+
+  set_output_mode(znconfig_defaults(run.config), stdout_is_console() ? "unicode" : "ascii");
+
+  switch (client_scan_options(argc, argv, &run)) {
+    case OptionsOutcome::kExitOk:
+      return 0;
+    case OptionsOutcome::kExitFailed:
+      return -1;
+    case OptionsOutcome::kRun:
+      break;
+  }
+
+  ZN_LOG(kFacility, ZN_INFO, "Starting");
+  ZN_LOG(kFacility, ZN_INFO, "Creating connection to server");
+  if (run.ping) {
+    ZN_LOG(kFacility, ZN_INFO, "Pinging server");
+    run.query = kPingQuery;
+  }
+  output_mode_code =
+      client_output_mode_code(znconfig_get_str(run.config, kClient, ZNCONFIG_CLIENT_OUTPUT_MODE));
+  return run_queries(&run);
+}

@@ -1,0 +1,47 @@
+// Runs a program as a child process for end-to-end tests: feeds its standard input, captures its
+// standard output and standard error, and kills it when it outlives a time limit.
+//
+//   ProcessResult r = run_process({KEST_CLIENT_BIN, "-e", "Array([i=0])"},
+//                                 {.stdin_text = "", .env = {{"HOME", std::nullopt}}});
+//   EXPECT_TRUE(r.exited);
+//   EXPECT_EQ(r.status, -1);
+//   EXPECT_EQ(r.out, "...");
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+struct ProcessOptions {
+  // Written to the child's standard input, which is then closed. With nullopt the child's
+  // standard input is closed at once (it reads end of file), so it never waits on the terminal.
+  std::optional<std::string> stdin_text;
+  // Changes to the inherited environment, applied in order: a value sets the variable, nullopt
+  // removes it.
+  std::vector<std::pair<std::string, std::optional<std::string>>> env;
+  // After this long the child is killed and the result says timed_out.
+  std::chrono::milliseconds time_limit{std::chrono::seconds(60)};
+  // The child's working directory; empty keeps the current one.
+  std::string working_dir;
+};
+
+struct ProcessResult {
+  std::string out;  // everything the child wrote to standard output
+  std::string err;  // everything the child wrote to standard error
+  // True when the child ended by returning from main or calling exit (not by a signal, a crash,
+  // the time limit, or a failure to start).
+  bool exited = false;
+  // The exit status as the program returned it, read as a signed byte, the same on every
+  // platform: `return -1` from main gives -1, `return 0` gives 0. Meaningful when `exited`.
+  int status = 0;
+  int raw_code = 0;        // the platform's own exit code (POSIX 0-255, or the signal number)
+  bool timed_out = false;  // killed at the time limit
+  std::string error;       // why the child could not be started, else empty
+};
+
+// Starts argv[0] (a path; no search of PATH) with the arguments argv[1..], waits until it ends or
+// the time limit passes, and returns what it wrote and how it ended. Never throws for a child's
+// failure; a child that could not be started gives exited false and `error` set.
+ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOptions& options = {});

@@ -1,0 +1,205 @@
+#include "tools/standalone_client/driver.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tools/standalone_client/client_globals.h"
+#include "utils/version.h"
+#include "utils/znconfig.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr int kClient = ZNCONFIG_GROUP_CLIENT;
+
+struct Args {
+  std::vector<std::string> strings;
+  std::vector<char*> ptrs;
+  explicit Args(std::vector<std::string> args) : strings(std::move(args)) {
+    strings.insert(strings.begin(), "kest_client");
+    for (std::string& s : strings) ptrs.push_back(s.data());
+    ptrs.push_back(nullptr);
+  }
+  int argc() const { return static_cast<int>(strings.size()); }
+  char** argv() { return ptrs.data(); }
+};
+
+// A store without the per-user file, and a run scanned from `args`, with what it printed.
+struct Scan {
+  Args args;
+  ClientRun run;
+  OptionsOutcome outcome;
+  std::string out, err;
+
+  explicit Scan(std::vector<std::string> a) : args(std::move(a)) {
+    run.config = znconfig_layer_create(
+        nullptr, "cmdline",
+        znconfig_layer_create(nullptr, "conffile", znconfig_schema_create()->defaults));
+    print_results = 1;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    outcome = client_scan_options(args.argc(), args.argv(), &run);
+    out = testing::internal::GetCapturedStdout();
+    err = testing::internal::GetCapturedStderr();
+  }
+  ~Scan() {
+    client_run_close_file(&run);
+    znconfig_free(run.config);
+    print_results = 1;
+  }
+  int64_t lng(int pid) { return znconfig_get_lng(run.config, kClient, pid); }
+  std::string str(int pid) {
+    const char* s = znconfig_get_str(run.config, kClient, pid);
+    return s ? s : "(null)";
+  }
+};
+
+std::filesystem::path temp_file(const std::string& contents) {
+  auto path = std::filesystem::temp_directory_path() /
+              ("kest_driver_" + std::to_string(std::random_device{}()) + ".txt");
+  std::ofstream(path, std::ios::binary) << contents;
+  return path;
+}
+
+TEST(ClientOptions, OutputModeFollowsTheLastOutputOption) {
+  struct Case {
+    std::vector<std::string> args;
+    const char* mode;
+    int code;
+  } cases[] = {
+      {{}, "ascii", 0},
+      {{"-u"}, "unicode", 1},
+      {{"-u", "-n"}, "ascii", 0},
+      {{"-n", "-r"}, "raw", 2},
+      {{"-r", "-o", "html"}, "html", 3},
+      {{"-o", "html", "-u"}, "unicode", 1},
+      {{"-o", "HTML"}, "HTML", 0},
+      {{"--output=unicodex"}, "unicodex", 0},
+      {{"-unr"}, "raw", 2},
+  };
+  for (const Case& c : cases) {
+    Scan s(c.args);
+    EXPECT_EQ(s.outcome, OptionsOutcome::kRun);
+    EXPECT_EQ(s.str(ZNCONFIG_CLIENT_OUTPUT_MODE), c.mode);
+    EXPECT_EQ(client_output_mode_code(s.str(ZNCONFIG_CLIENT_OUTPUT_MODE).c_str()), c.code);
+  }
+  EXPECT_EQ(client_output_mode_code(nullptr), 0);
+  EXPECT_EQ(client_output_mode_code(""), 0);
+  EXPECT_EQ(client_output_mode_code("raw "), 0);
+}
+
+TEST(ClientOptions, PortAndTriesGoThroughTheStoreRules) {
+  struct Case {
+    std::vector<std::string> args;
+    int64_t port, tries;
+    const char* log;
+  } cases[] = {
+      {{"-P5000"}, 5000, 3, ""},
+      {{"--port", "1K", "-t", "2k"}, 1024, 2048, ""},
+      {{"-P", "0"}, 0, 3, ""},
+      {{"-P", "6000", "-P", "70000"},
+       6000,
+       3,
+       "ERROR:ZNCONFIG:znconfig_validate: 70000.000000 not between 0.000000 and 65535.000000.\n"},
+      {{"-t", "abc"}, 48130, 3, "znconfig_parse_size: can't parse: 'abc'"},
+      {{"-P", "x1"}, 48130, 3, "znconfig_parse_size: can't parse: 'x1'"},
+  };
+  for (const Case& c : cases) {
+    Scan s(c.args);
+    EXPECT_EQ(s.outcome, OptionsOutcome::kRun);
+    EXPECT_EQ(s.lng(ZNCONFIG_CLIENT_PORT), c.port);
+    EXPECT_EQ(s.lng(ZNCONFIG_CLIENT_CONNECTION_RETRIES), c.tries);
+    if (*c.log) {
+      EXPECT_THAT(s.err, HasSubstr(c.log));
+    } else {
+      EXPECT_EQ(s.err, "");
+    }
+  }
+}
+
+TEST(ClientOptions, StringsQueryAndFlags) {
+  Scan s({"-h", "db1", "-a", "key.bin", "-e", "q1", "--execute=q2", "-pi"});
+  ASSERT_EQ(s.outcome, OptionsOutcome::kRun);
+  EXPECT_EQ(s.str(ZNCONFIG_CLIENT_HOST), "db1");
+  EXPECT_EQ(s.str(ZNCONFIG_CLIENT_PASSFILE), "key.bin");
+  // The store keeps the argument strings themselves.
+  EXPECT_EQ(znconfig_get_str(s.run.config, kClient, ZNCONFIG_CLIENT_HOST), s.args.ptrs[2]);
+  EXPECT_STREQ(s.run.query, "q2");
+  EXPECT_TRUE(s.run.ping);
+  EXPECT_TRUE(s.run.ignore_errors);
+  EXPECT_EQ(print_results, 0);
+  EXPECT_EQ(s.run.file, nullptr);
+
+  Scan plain({});
+  EXPECT_EQ(plain.run.query, nullptr);
+  EXPECT_FALSE(plain.run.ping);
+  EXPECT_FALSE(plain.run.ignore_errors);
+  EXPECT_EQ(print_results, 1);
+  EXPECT_EQ(plain.str(ZNCONFIG_CLIENT_PASSFILE), "(null)");
+}
+
+TEST(ClientOptions, SettingsFilesSitBelowTheCommandLine) {
+  const auto conf = temp_file("[client]\nport = 4000\nhost = from_file\nbogus = 1\n");
+  const std::string path = conf.string();
+  Scan before({"-P", "5000", "-c", path});
+  Scan after({"-c", path, "-P", "5000"});
+  Scan alone({"--config=" + path});
+  std::filesystem::remove(conf);
+  EXPECT_EQ(before.lng(ZNCONFIG_CLIENT_PORT), 5000);
+  EXPECT_EQ(after.lng(ZNCONFIG_CLIENT_PORT), 5000);
+  EXPECT_EQ(alone.lng(ZNCONFIG_CLIENT_PORT), 4000);
+  EXPECT_EQ(alone.str(ZNCONFIG_CLIENT_HOST), "from_file");
+  EXPECT_EQ(alone.outcome, OptionsOutcome::kRun);  // errors in the file do not end the run
+  EXPECT_THAT(alone.err, HasSubstr("znconfig_parse_config: invalid key 'bogus' on line 4"));
+
+  Scan missing({"-c", path, "-e", "q"});  // the file is gone now
+  EXPECT_EQ(missing.outcome, OptionsOutcome::kRun);
+  EXPECT_STREQ(missing.run.query, "q");
+}
+
+TEST(ClientOptions, FileIsOpenedWhenScanned) {
+  const auto query = temp_file("Array([i=0]);\n");
+  const std::string path = query.string();
+  {
+    Scan s({"-f", path});
+    EXPECT_EQ(s.outcome, OptionsOutcome::kRun);
+    ASSERT_NE(s.run.file, nullptr);
+    char buf[6] = {};
+    EXPECT_EQ(std::fread(buf, 1, 5, s.run.file), 5u);
+    EXPECT_STREQ(buf, "Array");
+  }
+  const std::string missing = path + ".missing";
+  Scan bad({"-e", "q1", "-f", missing, "-P", "70000"});
+  std::filesystem::remove(query);
+  EXPECT_EQ(bad.outcome, OptionsOutcome::kExitFailed);
+  EXPECT_EQ(bad.err, "\nError: cannot read file '" + missing + "'\n");  // -P never scanned
+  EXPECT_EQ(bad.out, "");
+  EXPECT_EQ(bad.run.file, nullptr);
+}
+
+TEST(ClientOptions, VersionEndsTheScanAtOnce) {
+  Scan s({"-P", "6000", "-v", "-P", "70000", "-x"});
+  EXPECT_EQ(s.outcome, OptionsOutcome::kExitOk);
+  EXPECT_EQ(s.out, std::string("kest_client\n") + version_str() + "\n");
+  EXPECT_EQ(s.err, "");
+  EXPECT_EQ(s.lng(ZNCONFIG_CLIENT_PORT), 6000);
+}
+
+TEST(ClientOptions, RefusalsPrintTheUsage) {
+  for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
+           {"-x"}, {"query.txt"}, {"--help"}, {"-?"}, {"--ping=1"}, {"--port"}, {"-pq"}}) {
+    Scan s(args);
+    EXPECT_EQ(s.outcome, OptionsOutcome::kExitFailed) << args[0];
+    EXPECT_THAT(s.out, StartsWith("Kest client\n\nUsage: kest_client [OPTIONS]\n")) << args[0];
+  }
+}
+
+}  // namespace

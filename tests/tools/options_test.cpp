@@ -1,0 +1,139 @@
+#include "tools/standalone_client/options.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "utils/znconfig.h"
+
+namespace {
+
+// An argument vector that owns its strings; argv[0] is the program name.
+struct Args {
+  std::vector<std::string> strings;
+  std::vector<char*> ptrs;
+  explicit Args(std::vector<std::string> args) : strings(std::move(args)) {
+    strings.insert(strings.begin(), "kest_client");
+    for (std::string& s : strings) ptrs.push_back(s.data());
+    ptrs.push_back(nullptr);
+  }
+  int argc() const { return static_cast<int>(strings.size()); }
+  char** argv() { return ptrs.data(); }
+};
+
+// Scans to the end or the first refusal: "p,i,." means -p, -i, end; "P=5000" an option with its
+// value; "?" a refusal (after which the client stops).
+std::string scan(std::vector<std::string> args) {
+  Args a(std::move(args));
+  get_option_reset();
+  std::string seq;
+  for (int guard = 0; guard < 64; ++guard) {
+    const char* value = nullptr;
+    const int c = get_option(a.argc(), a.argv(), kest_client_options, &value);
+    if (!seq.empty()) seq += ",";
+    if (c == GET_OPTION_END) return seq + ".";
+    if (c == GET_OPTION_REFUSED) return seq + "?";
+    seq += static_cast<char>(c);
+    if (value) seq += "=" + std::string(value);
+  }
+  return seq + "(no end)";
+}
+
+TEST(GetOption, ScansArgumentVectors) {
+  struct Case {
+    std::vector<std::string> args;
+    std::string expected;
+  } cases[] = {
+      {{}, "."},
+      {{"-pi"}, "p,i,."},
+      {{"-p", "-i"}, "p,i,."},
+      {{"-P5000"}, "P=5000,."},
+      {{"-P", "5000"}, "P=5000,."},
+      {{"--port=5000"}, "P=5000,."},
+      {{"--port", "5000"}, "P=5000,."},
+      {{"--port="}, "P=,."},
+      {{"--port"}, "?"},
+      {{"-P"}, "?"},
+      {{"-e", "q", "-P"}, "e=q,?"},
+      {{"--ping"}, "p,."},
+      {{"--ping=1"}, "?"},
+      {{"--pin"}, "?"},  // no abbreviation
+      {{"--pingx"}, "?"},
+      {{"query.txt"}, "?"},
+      {{"-e", "q", "query.txt"}, "e=q,?"},
+      {{"-"}, "?"},
+      {{"--"}, "?"},
+      {{"--x"}, "?"},
+      {{"-x"}, "?"},
+      {{"-px"}, "p,?"},
+      {{"-p=1"}, "p,?"},
+      {{"-e", "-v"}, "e=-v,."},  // a value may start with "-"
+      {{"-ie", "q"}, "i,e=q,."},
+      {{"-iPx5"}, "i,P=x5,."},
+      {{"-iP", "7"}, "i,P=7,."},
+      {{"--execute=a=b"}, "e=a=b,."},
+      {{"--execute", ""}, "e=,."},
+      {{"--raw-output", "--output=html", "-?"}, "r,o=html,?"},
+      {{"--help"}, "?"},
+      {{"-v", "-x"}, "v,?"},
+      {{"-c", "a.conf", "-f", "q.txt", "-a", "pw", "-h", "db", "-t", "2", "-o", "raw"},
+       "c=a.conf,f=q.txt,a=pw,h=db,t=2,o=raw,."},
+      {{"--config", "a", "--execute", "b", "--host", "c", "--tries", "d", "--unicode",
+        "--nounicode", "--file", "e", "--passfile", "f", "--ignore-err", "--version"},
+       "c=a,e=b,h=c,t=d,u,n,f=e,a=f,i,v,."},
+      {{"-unr"}, "u,n,r,."},
+  };
+  for (const Case& c : cases) {
+    std::string joined;
+    for (const std::string& a : c.args) joined += "[" + a + "]";
+    EXPECT_EQ(scan(c.args), c.expected) << joined;
+  }
+}
+
+TEST(GetOption, KeepsReportingTheEndAndRestartsAfterReset) {
+  Args a({"-p"});
+  get_option_reset();
+  const char* value = "junk";
+  EXPECT_EQ(get_option(a.argc(), a.argv(), kest_client_options, &value), 'p');
+  EXPECT_EQ(value, nullptr);
+  EXPECT_EQ(get_option(a.argc(), a.argv(), kest_client_options, &value), GET_OPTION_END);
+  EXPECT_EQ(get_option(a.argc(), a.argv(), kest_client_options, &value), GET_OPTION_END);
+  get_option_reset();
+  EXPECT_EQ(get_option(a.argc(), a.argv(), kest_client_options, &value), 'p');
+}
+
+TEST(GetOption, FirstMatchingEntryWins) {
+  const LongOption table[] = {
+      {"out", 0, 'x'}, {"output", 1, 'o'}, {"o", 0, 'y'}, {nullptr, 0, '\0'}};
+  Args a({"--output=v", "--out", "--o"});
+  get_option_reset();
+  const char* value = nullptr;
+  EXPECT_EQ(get_option(a.argc(), a.argv(), table, &value), 'o');
+  EXPECT_STREQ(value, "v");
+  EXPECT_EQ(get_option(a.argc(), a.argv(), table, &value), 'x');
+  EXPECT_EQ(get_option(a.argc(), a.argv(), table, &value), 'y');
+}
+
+TEST(PrintUsage, ShowsTheProgramNameAndTheCurrentPort) {
+  ConfigLayer* config =
+      znconfig_layer_create(nullptr, "cmdline", znconfig_schema_create()->defaults);
+  testing::internal::CaptureStdout();
+  print_usage(0, nullptr, config);
+  const std::string dflt = testing::internal::GetCapturedStdout();
+  EXPECT_NE(dflt.find("Kest client\n\nUsage: kest_client [OPTIONS]\n"), std::string::npos);
+  EXPECT_NE(dflt.find("  -P, --port PORT       server port\n"
+                      "                        default: 48130\n"),
+            std::string::npos);
+
+  ASSERT_EQ(znconfig_set_by_id(config, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_PORT, "1K"), 1);
+  Args a({});
+  testing::internal::CaptureStdout();
+  print_usage(a.argc(), a.argv(), config);
+  const std::string changed = testing::internal::GetCapturedStdout();
+  EXPECT_NE(changed.find("default: 1024\n"), std::string::npos);
+  EXPECT_EQ(changed.rfind("Kest client\n\nUsage: kest_client [OPTIONS]\n", 0), 0u);
+  znconfig_free(config);
+}
+
+}  // namespace
