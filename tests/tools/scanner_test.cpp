@@ -1,0 +1,392 @@
+#include "tools/standalone_client/scanner.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kernel/ltype.h"
+#include "utils/mem.h"
+
+namespace {
+
+struct Token {
+  int32_t kind;
+  std::string text;
+  bool operator==(const Token&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& os, const Token& t) {
+  os << "{" << t.kind << ", \"";
+  for (unsigned char c : t.text) {
+    if (c >= 32 && c < 127) {
+      os << c;
+    } else {
+      char hex[8];
+      std::snprintf(hex, sizeof hex, "\\x%02x", c);
+      os << hex;
+    }
+  }
+  return os << "\"}";
+}
+
+// A character source over bytes that may include NUL, counting its calls.
+struct BytesSource {
+  std::string bytes;
+  size_t index = 0;
+  int calls = 0;
+  static int32_t get(void* arg) {
+    auto* src = static_cast<BytesSource*>(arg);
+    ++src->calls;
+    if (src->index >= src->bytes.size()) return -1;
+    return static_cast<unsigned char>(src->bytes[src->index++]);
+  }
+};
+
+class ScannerTest : public testing::Test {
+ protected:
+  void TearDown() override { mem_context_destroy(ctx_); }
+
+  Scanner* over(const char* text) {
+    Scanner* s = scanner_create_string(ctx_, text);
+    EXPECT_NE(s, nullptr);
+    return s;
+  }
+
+  // Every token up to the end of input; a ";" shows as {TOK_END, ";"}.
+  std::vector<Token> tokens(const std::string& text) {
+    Scanner* s = over(text.c_str());
+    std::vector<Token> out;
+    for (int guard = 0; guard < 10000; ++guard) {
+      const int32_t before = s->unclassified;
+      const int32_t kind = scanner_get_token(s);
+      if (kind == TOK_END && (*scanner_text(s) == 0 || s->unclassified != before)) break;
+      out.push_back({kind, std::string(scanner_text(s), static_cast<size_t>(scanner_length(s)))});
+    }
+    scanner_free(s);
+    return out;
+  }
+
+  Token first(const std::string& text) {
+    std::vector<Token> all = tokens(text);
+    return all.empty() ? Token{TOK_END, "<none>"} : all.front();
+  }
+
+  MemContext* ctx_ = mem_context_create(nullptr, "scanner");
+};
+
+TEST(ScannerKeywords, TableCoversEveryKeywordKindOnceExceptSynonyms) {
+  EXPECT_EQ(scanner_keywords[kScannerKeywordCount].word, nullptr);
+  std::multiset<int32_t> kinds;
+  for (size_t i = 0; i < kScannerKeywordCount; ++i) {
+    ASSERT_NE(scanner_keywords[i].word, nullptr) << i;
+    kinds.insert(scanner_keywords[i].kind);
+  }
+  for (int32_t k = 269; k <= 364; ++k) {
+    const size_t expected = (k == TOK_EXTRA_NAME || k == TOK_TYPE_NAME || k == TOK_BAD_TEXT) ? 0
+                            : (k == TOK_INT || k == TOK_DEC || k == TOK_JOININDEX || k == TOK_OUTER)
+                                ? 2
+                                : 1;
+    EXPECT_EQ(kinds.count(k), expected) << "kind " << k;
+  }
+  EXPECT_EQ(kinds.count(TOK_AGGR_FUNC), 6u);
+  EXPECT_EQ(kinds.count(TOK_TRUE) + kinds.count(TOK_FALSE) + kinds.count(TOK_AS), 3u);
+  EXPECT_STREQ(scanner_keywords[0].word, "abort");
+  EXPECT_STREQ(scanner_keywords[87].word, "vector_str");
+  EXPECT_STREQ(scanner_keywords[105].word, "true");
+}
+
+TEST(ScannerKeywords, LookupIsAsciiCaseInsensitiveAndExact) {
+  const std::vector<std::pair<std::string, int32_t>> cases = {
+      {"select", TOK_SELECT},
+      {"SELECT", TOK_SELECT},
+      {"fetchN", TOK_FETCHN},
+      {"FETCHn", TOK_FETCHN},
+      {"hashjoinn", TOK_HASHJOINN},
+      {"integer", TOK_INT},
+      {"Decimal", TOK_DEC},
+      {"jindex", TOK_JOININDEX},
+      {"fullouter", TOK_OUTER},
+      {"AVG", TOK_AGGR_FUNC},
+      {"true", TOK_TRUE},
+      {"vector_str", TOK_VECTOR_STR},
+      {"selec", 0},
+      {"selectx", 0},
+      {"", 0},
+      {"s\xc3\xa9lect", 0},
+      {"vector-str", 0},
+  };
+  for (const auto& [word, kind] : cases)
+    EXPECT_EQ(scanner_keyword_kind(word.data(), word.size()), kind) << word;
+}
+
+TEST_F(ScannerTest, WordsAreClassifiedKeywordThenTypeThenExtraThenIdentifier) {
+  PhysicalType t{};
+  std::strcpy(t.name, "scantesttype");
+  t.width_class = 4;
+  t.fixed_size = 1;
+  ptype_register(&t);
+  const char* const extra[] = {"Widget", "select", "scantesttype2"};
+  scanner_set_extra_names(3, extra);
+  const std::vector<std::pair<std::string, Token>> cases = {
+      {"select", {TOK_SELECT, "select"}},  // a keyword wins over an extra name
+      {"scantesttype", {TOK_TYPE_NAME, "scantesttype"}},
+      {"ScanTestType", {TOK_IDENT, "ScanTestType"}},  // type names are case-sensitive
+      {"WIDGET", {TOK_EXTRA_NAME, "WIDGET"}},         // extra names are not
+      {"scantesttype2", {TOK_EXTRA_NAME, "scantesttype2"}},
+      {"_x1_", {TOK_IDENT, "_x1_"}},
+      {"caf\xc3\xa9", {TOK_IDENT, "caf\xc3\xa9"}},  // bytes of 128 and more are letters
+      {"\xc3\xa9t\xc3\xa9", {TOK_IDENT, "\xc3\xa9t\xc3\xa9"}},
+      {"caf\xe9", {TOK_BAD_TEXT, "wrong_utf8_val"}},
+      {"\xff", {TOK_BAD_TEXT, "wrong_utf8_val"}},
+      {"true", {TOK_TRUE, "true"}},
+      {"As", {TOK_AS, "As"}},
+  };
+  for (const auto& [input, expected] : cases) EXPECT_EQ(first(input), expected) << input;
+  scanner_set_extra_names(0, nullptr);
+  EXPECT_EQ(first("widget"), (Token{TOK_IDENT, "widget"}));
+}
+
+TEST_F(ScannerTest, NumbersTakeOneDecimalPointAndNoSignOrExponent) {
+  const std::vector<std::pair<std::string, std::vector<Token>>> cases = {
+      {"123", {{TOK_INTEGER, "123"}}},
+      {"1.5", {{TOK_DECIMAL, "1.5"}}},
+      {"12.", {{TOK_DECIMAL, "12."}}},
+      {"1.2.3", {{TOK_DECIMAL, "1.2"}, {'.', "."}, {TOK_INTEGER, "3"}}},
+      {"-5", {{TOK_OPERATOR, "-"}, {TOK_INTEGER, "5"}}},
+      {"1e5", {{TOK_INTEGER, "1"}, {TOK_IDENT, "e5"}}},
+      {"007x", {{TOK_INTEGER, "007"}, {TOK_IDENT, "x"}}},
+  };
+  for (const auto& [input, expected] : cases) EXPECT_EQ(tokens(input), expected) << input;
+}
+
+TEST_F(ScannerTest, OperatorsAndPunctuation) {
+  const std::vector<std::pair<std::string, std::vector<Token>>> cases = {
+      {"!= <= >= << >>", {{268, "!="}, {268, "<="}, {268, ">="}, {268, "<<"}, {268, ">>"}}},
+      {"!!", {{268, "!"}, {268, "!"}}},
+      {"!<", {{268, "!"}, {268, "<"}}},
+      {"<<=", {{268, "<<"}, {61, "="}}},
+      {"<>", {{268, "<"}, {268, ">"}}},
+      {"&& & || |", {{268, "&&"}, {268, "&"}, {268, "||"}, {268, "|"}}},
+      {"&&&", {{268, "&&"}, {268, "&"}}},
+      {"== = ===", {{268, "=="}, {61, "="}, {268, "=="}, {61, "="}}},
+      {"*+-^/", {{268, "*"}, {268, "+"}, {268, "-"}, {268, "^"}, {268, "/"}}},
+      {"([{,.:@\"?$%`\\]})~",
+       {{'(', "("},
+        {'[', "["},
+        {'{', "{"},
+        {',', ","},
+        {'.', "."},
+        {':', ":"},
+        {'@', "@"},
+        {'"', "\""},
+        {'?', "?"},
+        {'$', "$"},
+        {'%', "%"},
+        {'`', "`"},
+        {'\\', "\\"},
+        {']', "]"},
+        {'}', "}"},
+        {')', ")"},
+        {'~', "~"}}},
+      {"a(b)", {{TOK_IDENT, "a"}, {'(', "("}, {TOK_IDENT, "b"}, {')', ")"}}},
+  };
+  for (const auto& [input, expected] : cases) EXPECT_EQ(tokens(input), expected) << input;
+}
+
+TEST_F(ScannerTest, CommentsAreSkipped) {
+  const std::vector<std::pair<std::string, std::vector<Token>>> cases = {
+      {"# x ; y\nselect", {{TOK_SELECT, "select"}}},
+      {"// x ; y\n1", {{TOK_INTEGER, "1"}}},
+      {"/* a ; b */ 2", {{TOK_INTEGER, "2"}}},
+      {"/**/3", {{TOK_INTEGER, "3"}}},
+      {"/*/ 3 */ 4", {{TOK_INTEGER, "4"}}},
+      {"/* a ** b **/5", {{TOK_INTEGER, "5"}}},
+      {"6 /* never closed ; 7", {{TOK_INTEGER, "6"}}},
+      {"7 # to the end", {{TOK_INTEGER, "7"}}},
+      {"a/b", {{TOK_IDENT, "a"}, {268, "/"}, {TOK_IDENT, "b"}}},
+      {"# one\n# two\n; x", {{TOK_END, ";"}, {TOK_IDENT, "x"}}},
+  };
+  for (const auto& [input, expected] : cases) EXPECT_EQ(tokens(input), expected) << input;
+}
+
+TEST_F(ScannerTest, LongCommentRunsDoNotRecurse) {
+  std::string text;
+  for (int i = 0; i < 200000; ++i) text += "#c\n";
+  text += "x";
+  EXPECT_EQ(tokens(text), (std::vector<Token>{{TOK_IDENT, "x"}}));
+}
+
+TEST_F(ScannerTest, QuotedStringEscapes) {
+  using namespace std::string_literals;
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"'abc'", "abc"},
+      {"'a;b'", "a;b"},
+      {"'\\n\\r\\t\\a\\b\\f\\v'", "\n\r\t\a\b\f\v"},
+      {"'\\''", "'"},
+      {"'\\\\'", "\\"},
+      {"'\\q\\N\\X41'", "qNX41"},
+      {"'\\08'", "\x08"},
+      {"'\\0101'", "A"},
+      {"'\\01234'", "S4"},
+      {"'\\0888'", "\x48"},  // 8*64 + 8*8 + 8 = 584, kept as its low byte
+      {"'\\09'",
+       "\0"
+       "9"s},
+      {"'\\0'", "\0"s},
+      {"'\\x41'", "A"},
+      {"'\\x4a\\x4A'", "JJ"},
+      {"'\\x4'", "\x04"},
+      {"'\\x414'", "A4"},
+      {"'\\x'", "x"},
+      {"'\\xg'", "xg"},
+      {"'\\u41'", "A"},
+      {"'\\u00e9'", "\xc3\xa9"},
+      {"'\\u00E9'", "\xc3\xa9"},
+      {"'\\u80'", "\xc2\x80"},
+      {"'\\u7ff'", "\xdf\xbf"},
+      {"'\\u800'", "\xe0\xa0\x80"},
+      {"'\\uffff'", "\xef\xbf\xbf"},
+      {"'\\u10000'", "\xf0\x90\x80\x80"},
+      {"'\\u1fffff'", "\xf7\xbf\xbf\xbf"},
+      {"'\\u200000'", "\xf8\x88\x80\x80\x80"},
+      {"'\\u4000000'", "\xfc\x84\x80\x80\x80\x80"},
+      {"'\\u7fffffff'", "\xfd\xbf\xbf\xbf\xbf\xbf"},
+      {"'\\u123456789'",
+       "\xfc\x92\x8d\x85\x99\xb8"
+       "9"},
+      {"'\\u'", "u"},
+      {"'\\u0'", "\0"s},
+      {"'unterminated", "unterminated"},
+      {"'ends in backslash\\", "ends in backslash"},
+      {"''", ""},
+  };
+  for (const auto& [input, expected] : cases)
+    EXPECT_EQ(first(input), (Token{TOK_STRING, expected})) << input;
+}
+
+TEST_F(ScannerTest, StringsThatAreNotUtf8BecomeBadText) {
+  const std::vector<std::string> cases = {"'caf\xe9'", "'\\0777'",   "'\\xff'",
+                                          "'\\xc3'",   "'\\0\\xff'", "'\xc3'"};
+  for (const std::string& input : cases)
+    EXPECT_EQ(first(input), (Token{TOK_BAD_TEXT, "wrong_utf8_val"})) << input;
+  EXPECT_EQ(first("'\\xc3\\xa9'"), (Token{TOK_STRING, "\xc3\xa9"}));
+}
+
+TEST_F(ScannerTest, StringFollowedByNextToken) {
+  EXPECT_EQ(tokens("'a'b"), (std::vector<Token>{{TOK_STRING, "a"}, {TOK_IDENT, "b"}}));
+  EXPECT_EQ(tokens("'a';"), (std::vector<Token>{{TOK_STRING, "a"}, {TOK_END, ";"}}));
+}
+
+TEST_F(ScannerTest, HereDocuments) {
+  const std::vector<std::pair<std::string, std::vector<Token>>> cases = {
+      {"<<<END\nabc\nEND\n", {{TOK_STRING, "abc\n"}}},
+      {"<=<END\nabc\nEND\nx", {{TOK_STRING, "abc\n"}, {TOK_IDENT, "x"}}},
+      {"<<<E\na;b\nE\n;", {{TOK_STRING, "a;b\n"}, {TOK_END, ";"}}},
+      // The delimiter line right after the opening line does not close it.
+      {"<<<END\nEND\nabc\nEND\n", {{TOK_STRING, "END\nabc\n"}}},
+      {"<<<END\nEND\nEND\n", {{TOK_STRING, "END\n"}}},
+      // Without its newline at the very end, the delimiter is not recognised.
+      {"<<<END\nabc\nEND", {{TOK_STRING, "abc\nEND"}}},
+      // Matching starts only right after a newline.
+      {"<<<END\nxEND\nEND\n", {{TOK_STRING, "xEND\n"}}},
+      // A newline that breaks a partial match does not restart matching.
+      {"<<<END\nx\nEN\nEND\nEND\n", {{TOK_STRING, "x\nEN\nEND\n"}}},
+      {"<<<END\nENDX\nEND\n", {{TOK_STRING, "ENDX\n"}}},
+      {"<<<END\n\nEND\n", {{TOK_STRING, "\n"}}},
+      // An empty opening line makes the delimiter a lone newline: an empty line closes.
+      {"<<<\na\n\nb", {{TOK_STRING, "a\n"}, {TOK_IDENT, "b"}}},
+      {"<<<END\r\na\r\nEND\r\n", {{TOK_STRING, "a\r\n"}}},
+      {"<<< END \na\n END \nz", {{TOK_STRING, "a\n"}, {TOK_IDENT, "z"}}},
+      {"<<<END\nabc", {{TOK_STRING, "abc"}}},
+      {"<<<END", {{TOK_STRING, ""}}},
+      {"<<<", {{TOK_STRING, ""}}},
+      {"<<<E\n\\n 'q\nE\n", {{TOK_STRING, "\\n 'q\n"}}},  // no escapes, no quotes
+      {"<<<END\n\xff\nEND\n", {{TOK_BAD_TEXT, "wrong_utf8_val"}}},
+      {"<<<<X\na\n<X\n", {{TOK_STRING, "a\n"}}},
+      {"x<<<E\n1\nE\ny", {{TOK_IDENT, "x"}, {TOK_STRING, "1\n"}, {TOK_IDENT, "y"}}},
+  };
+  for (const auto& [input, expected] : cases) EXPECT_EQ(tokens(input), expected) << input;
+}
+
+TEST_F(ScannerTest, SemicolonAndWhitespaceEndStatements) {
+  const std::vector<Token> expected = {
+      {TOK_IDENT, "a"}, {TOK_END, ";"}, {TOK_END, ";"}, {TOK_IDENT, "b"}, {TOK_END, ";"}};
+  EXPECT_EQ(tokens(" a ;\t;\n\v\f\rb;  \n"), expected);
+  EXPECT_EQ(tokens(""), std::vector<Token>{});
+  EXPECT_EQ(tokens(" \n\t "), std::vector<Token>{});
+}
+
+TEST_F(ScannerTest, CountsLinesColumnsAndCharacters) {
+  Scanner* s = over("ab\ncd");
+  EXPECT_EQ(s->cur, 'a');
+  EXPECT_EQ(scanner_chars_read(s), 1);
+  EXPECT_EQ(scanner_column(s), 1);
+  EXPECT_EQ(scanner_line(s), 0);
+  EXPECT_EQ(scanner_get_token(s), TOK_IDENT);
+  EXPECT_EQ(scanner_lookahead(s), '\n');
+  EXPECT_EQ(scanner_position(s), 2);
+  EXPECT_EQ(scanner_line(s), 1);
+  EXPECT_EQ(scanner_column(s), 0);
+  EXPECT_EQ(scanner_get_token(s), TOK_IDENT);
+  EXPECT_STREQ(scanner_text(s), "cd");
+  EXPECT_EQ(scanner_lookahead(s), -1);
+  EXPECT_EQ(scanner_chars_read(s), 6);  // the end-of-input read counts
+  EXPECT_EQ(scanner_column(s), 3);
+  EXPECT_EQ(scanner_get_token(s), TOK_END);
+  EXPECT_EQ(scanner_chars_read(s), 6);  // nothing is read past an end already seen
+  EXPECT_EQ(s->last_token, TOK_END);
+  EXPECT_STREQ(s->source_name, "StringBuffer");
+}
+
+TEST_F(ScannerTest, CountsEveryCallOfACustomSource) {
+  BytesSource src{"'x\ny"};
+  Scanner* s = scanner_create(ctx_, "custom", BytesSource::get, &src);
+  ASSERT_NE(s, nullptr);
+  EXPECT_STREQ(s->source_name, "custom");
+  EXPECT_EQ(scanner_get_token(s), TOK_STRING);
+  EXPECT_EQ(std::string(scanner_text(s)), "x\ny");
+  // ', x, \n, y, the end that closes the string, and the read after the string.
+  EXPECT_EQ(src.calls, 6);
+  EXPECT_EQ(scanner_chars_read(s), 6);
+  EXPECT_EQ(scanner_line(s), 1);
+  EXPECT_EQ(scanner_column(s), 3);
+}
+
+TEST_F(ScannerTest, UnclassifiableCharacterIsReportedAndNotConsumed) {
+  for (const std::string& bad :
+       {std::string(1, '\x01'), std::string(1, '\x7f'), std::string(1, '\0')}) {
+    BytesSource src{"a " + bad + "b"};
+    Scanner* s = scanner_create(ctx_, "custom", BytesSource::get, &src);
+    ASSERT_EQ(scanner_get_token(s), TOK_IDENT);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(scanner_get_token(s), TOK_END);
+    EXPECT_EQ(scanner_get_token(s), TOK_END);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "get_token() error?\nget_token() error?\n");
+    EXPECT_STREQ(scanner_text(s), "a");  // left as it was
+    EXPECT_EQ(scanner_lookahead(s), static_cast<unsigned char>(bad[0]));
+    EXPECT_EQ(s->unclassified, 2);
+    scanner_free(s);
+  }
+}
+
+TEST_F(ScannerTest, ControlCharactersInsideStringsAndCommentsAreFine) {
+  EXPECT_EQ(tokens("'\x01\x7f' # \x02\nx"),
+            (std::vector<Token>{{TOK_STRING, "\x01\x7f"}, {TOK_IDENT, "x"}}));
+}
+
+TEST_F(ScannerTest, KeepsItsOwnCopyAndGrowsItsTokenText) {
+  std::string text = "'" + std::string(1000, 'x') + "' tail";
+  Scanner* s = over(text.c_str());
+  text.assign(text.size(), '#');
+  EXPECT_EQ(scanner_get_token(s), TOK_STRING);
+  EXPECT_EQ(scanner_length(s), 1000);
+  EXPECT_EQ(std::string(scanner_text(s)), std::string(1000, 'x'));
+  EXPECT_EQ(scanner_get_token(s), TOK_IDENT);
+  EXPECT_STREQ(scanner_text(s), "tail");
+}
+
+}  // namespace

@@ -1,0 +1,265 @@
+#include "tools/standalone_client/split_query.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tools/standalone_client/scanner.h"
+#include "utils/mem.h"
+#include "utils/str_funcs.h"
+
+namespace {
+
+using Queries = std::vector<std::string>;
+
+// A temporary file holding `bytes`, positioned at its start.
+struct TempFile {
+  explicit TempFile(const std::string& bytes) : f(std::tmpfile()) {
+    if (!f) return;
+    std::fwrite(bytes.data(), 1, bytes.size(), f);
+    std::rewind(f);
+  }
+  ~TempFile() {
+    if (f) std::fclose(f);
+  }
+  TempFile(const TempFile&) = delete;
+  TempFile& operator=(const TempFile&) = delete;
+  FILE* f;
+};
+
+Queries drain(QuerySplitter* qs) {
+  Queries out;
+  while (const char* q = query_splitter_next(qs)) out.emplace_back(q);
+  EXPECT_EQ(query_splitter_next(qs), nullptr);  // stays at the end
+  query_splitter_free(qs);
+  return out;
+}
+
+Queries split_string(const std::string& text) {
+  QuerySplitter* qs = query_splitter_create_string(text.c_str());
+  EXPECT_NE(qs, nullptr);
+  return qs ? drain(qs) : Queries{};
+}
+
+Queries split_file(const std::string& bytes) {
+  TempFile file(bytes);
+  EXPECT_NE(file.f, nullptr);
+  if (!file.f) return {};
+  QuerySplitter* qs = query_splitter_create_file(file.f);
+  EXPECT_NE(qs, nullptr);
+  return qs ? drain(qs) : Queries{};
+}
+
+struct SplitCase {
+  const char* input;
+  Queries expected;
+};
+
+TEST(QuerySplitter, SplitsLikeThisInBothModes) {
+  const std::vector<SplitCase> cases = {
+      {"a; b;", {"a", "b"}},
+      {"a; b", {"a", "b"}},
+      {"a;\nb\n", {"a", "b\n"}},  // the last query keeps the rest of the input
+      {";;; a;", {"a"}},
+      {"a ; ; b ;", {"a ", "b "}},
+      {"", {}},
+      {"  \n\t ", {}},
+      {" ;\n; # only comments ; here\n/* c; */ ; // x", {}},
+      {"select('x;y');", {"select('x;y')"}},
+      {"select('it\\'s;');z", {"select('it\\'s;')", "z"}},
+      {"print(<<<END\na;b\nEND\n);q;", {"print(<<<END\na;b\nEND\n)", "q"}},
+      {"x <=<END\n;\nEND\n;y", {"x <=<END\n;\nEND\n", "y"}},
+      {"  \n\tq ;", {"q "}},
+      {"# c\nq;", {"# c\nq"}},
+      {"/* ; */ q;", {"/* ; */ q"}},
+      {"q; # trailing comment\n", {"q"}},
+      {"'unterminated; still", {"'unterminated; still"}},
+      {"<<<E\nno end; here\n", {"<<<E\nno end; here\n"}},
+      {"a\xc3\xa9;b", {"a\xc3\xa9", "b"}},
+      {"'\xff;' x;y", {"'\xff;' x", "y"}},  // bad UTF-8 is no error here
+      {"1.2.3;a<<b;c!=d", {"1.2.3", "a<<b", "c!=d"}},
+      {"\xc3\xa9;", {"\xc3\xa9"}},
+  };
+  for (const SplitCase& c : cases) {
+    EXPECT_EQ(split_string(c.input), c.expected) << "string mode: " << c.input;
+    EXPECT_EQ(split_file(c.input), c.expected) << "file mode: " << c.input;
+  }
+}
+
+TEST(QuerySplitter, ModesAgreeOnALargeScript) {
+  std::string script;
+  Queries expected;
+  for (int i = 0; i < 5000; ++i) {
+    std::string q = "select(array([i=" + std::to_string(i) + "]), 'v;" + std::to_string(i) + "')";
+    if (i % 7 == 0) q += " <<<EOT\nbody; " + std::to_string(i) + "\nEOT\n";
+    expected.push_back(q);
+    script += "\n  " + q + ";";
+  }
+  EXPECT_EQ(split_string(script), expected);
+  EXPECT_EQ(split_file(script), expected);
+}
+
+TEST(QuerySplitter, SetsUpItsContextsAndSources) {
+  QuerySplitter* qs = query_splitter_create_string("a;");
+  ASSERT_NE(qs, nullptr);
+  EXPECT_STREQ(mem_context_name(qs->ctx), "querysplitter");
+  EXPECT_EQ(mem_context_parent(qs->ctx), nullptr);
+  EXPECT_STREQ(mem_context_name(qs->scanner_ctx), "scanner");
+  EXPECT_EQ(mem_context_parent(qs->scanner_ctx), qs->ctx);
+  EXPECT_EQ(qs->lss->ctx, qs->scanner_ctx);
+  EXPECT_STREQ(qs->lss->source_name, "StringBuffer");
+  EXPECT_EQ(qs->file, nullptr);
+  EXPECT_STREQ(qs->text->data, "a;");
+  query_splitter_free(qs);
+
+  TempFile file("b;c");
+  qs = query_splitter_create_file(file.f);
+  ASSERT_NE(qs, nullptr);
+  EXPECT_STREQ(qs->lss->source_name, "file");
+  EXPECT_EQ(qs->s, nullptr);
+  EXPECT_STREQ(qs->text->data, "b");  // the first look-ahead is read at creation
+  query_splitter_free(qs);
+  query_splitter_free(nullptr);
+}
+
+TEST(QuerySplitter, CopiesTheCallersString) {
+  char text[] = "a;b";
+  QuerySplitter* qs = query_splitter_create_string(text);
+  std::memset(text, 'z', 3);
+  EXPECT_EQ(drain(qs), (Queries{"a", "b"}));
+}
+
+TEST(QuerySplitter, FileModeReadsOnlyOneCharacterPastTheSemicolon) {
+  TempFile file("ab;cd;ef");
+  QuerySplitter* qs = query_splitter_create_file(file.f);
+  EXPECT_STREQ(query_splitter_next(qs), "ab");
+  EXPECT_EQ(std::ftell(file.f), 4);
+  EXPECT_STREQ(query_splitter_next(qs), "cd");
+  EXPECT_EQ(std::ftell(file.f), 7);
+  query_splitter_free(qs);
+}
+
+TEST(QuerySplitter, FileModeKeepsNulBytesInsideStrings) {
+  // The query text is a C string, so it ends at the NUL; the statement still ends at its ";".
+  EXPECT_EQ(split_file(std::string("'a\0b';c", 7)), (Queries{"'a", "c"}));
+}
+
+TEST(QuerySplitter, UnclassifiableCharacterMidStatementEndsIt) {
+  testing::internal::CaptureStdout();
+  QuerySplitter* qs = query_splitter_create_string("a \x01 b;");
+  EXPECT_STREQ(query_splitter_next(qs), "a \x01 b;");  // no NUL written: runs on to the end
+  query_splitter_free(qs);
+  TempFile file("a \x01 b;");
+  qs = query_splitter_create_file(file.f);
+  EXPECT_STREQ(query_splitter_next(qs), "a \x01");  // what has been read so far
+  query_splitter_free(qs);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "get_token() error?\nget_token() error?\n");
+}
+
+TEST(QuerySplitter, UnclassifiableFirstCharacterEndsTheInput) {
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(split_string("\x01 q;"), Queries{});
+  EXPECT_EQ(split_string("'' \x02 q;"), Queries{"'' \x02 q;"});  // the empty string left "" behind
+  testing::internal::GetCapturedStdout();
+}
+
+TEST(QuerySplitterDeathTest, AssertionsCarryTheirTexts) {
+  EXPECT_DEATH(query_splitter_create_file(nullptr), "assertion \"qs->file && !qs->s\" failed");
+  EXPECT_DEATH(query_splitter_create_string(nullptr), "assertion \"qs->s\" failed");
+  const char* const after_token[] = {"a \x01 b;", "a;\x01", "a; \x01", "';' \x01"};
+  for (const char* input : after_token) {
+    EXPECT_DEATH(
+        {
+          QuerySplitter* qs = query_splitter_create_string(input);
+          for (int i = 0; i < 3; ++i) query_splitter_next(qs);
+        },
+        "assertion \"\\*qs->lss->yytext == 0\" failed")
+        << input;
+  }
+}
+
+// ---- Randomized robustness -------------------------------------------------------------------
+
+struct BytesSource {
+  const std::string* bytes;
+  size_t index;
+  static int32_t get(void* arg) {
+    auto* src = static_cast<BytesSource*>(arg);
+    if (src->index >= src->bytes->size()) return -1;
+    return static_cast<unsigned char>((*src->bytes)[src->index++]);
+  }
+};
+
+bool is_unclassifiable(unsigned char c) { return (c < 32 && !(c >= 9 && c <= 13)) || c == 127; }
+
+// Whether scanning `bytes` meets a character no class accepts, which is where the splitter's
+// assertions (or its stop at the first such character) lie.
+bool meets_unclassifiable(const std::string& bytes) {
+  bool any = false;
+  for (unsigned char c : bytes) any = any || is_unclassifiable(c);
+  if (!any) return false;
+  MemContext* ctx = mem_context_create(nullptr, "prescan");
+  BytesSource src{&bytes, 0};
+  Scanner* s = scanner_create(ctx, "prescan", BytesSource::get, &src);
+  testing::internal::CaptureStdout();
+  for (;;) {
+    const int32_t kind = scanner_get_token(s);
+    if (s->unclassified || (kind == TOK_END && *scanner_text(s) == 0)) break;
+  }
+  testing::internal::GetCapturedStdout();
+  const bool met = s->unclassified > 0;
+  mem_context_destroy(ctx);
+  return met;
+}
+
+std::string random_script(std::mt19937& rng, bool allow_nul) {
+  static const std::vector<std::string> pieces = {
+      ";",    " ",   "\n",    "\t",   "'", "\\", "\\0",  "\\x4", "\\u00e", "<<<",
+      "<=<",  "END", "END\n", "E\n",  "#", "//", "/*",   "*/",   "a",      "select",
+      "1.2",  "(",   ")",     "=",    "<", "!",  "\xc3", "\xa9", "\xff",   "x",
+      "\r\n", "'a'", "\x01",  "\x7f", "9", ".",  "*",    "/",    "&&",     "|"};
+  std::uniform_int_distribution<int> length(0, 60);
+  std::uniform_int_distribution<size_t> pick(0, pieces.size() - 1);
+  std::uniform_int_distribution<int> byte(allow_nul ? 0 : 1, 255);
+  std::string out;
+  for (int n = length(rng); n > 0; --n)
+    out += rng() % 4 == 0 ? std::string(1, static_cast<char>(byte(rng))) : pieces[pick(rng)];
+  return out;
+}
+
+// Every query is text of the input as it stands, without leading whitespace.
+void expect_queries_from_input(const Queries& queries, const std::string& input) {
+  for (const std::string& q : queries) {
+    EXPECT_FALSE(q.empty());
+    if (!q.empty()) {
+      EXPECT_FALSE(std::strchr(" \t\n\v\f\r", q[0]));
+    }
+    EXPECT_NE(input.find(q), std::string::npos);
+  }
+}
+
+TEST(QuerySplitterRandom, ModesAgreeAndNothingBreaksOnRandomInput) {
+  const unsigned seed = std::random_device{}();
+  std::printf("seed %u\n", seed);
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 rng(seed);
+  int compared = 0;
+  for (int i = 0; i < 3000; ++i) {
+    const bool allow_nul = i % 3 == 0;
+    const std::string input = random_script(rng, allow_nul);
+    if (meets_unclassifiable(input)) continue;
+    const Queries from_file = split_file(input);
+    expect_queries_from_input(from_file, input);
+    if (allow_nul && input.find('\0') != std::string::npos) continue;
+    const Queries from_string = split_string(input);
+    ASSERT_EQ(from_string, from_file) << "input #" << i << ": " << testing::PrintToString(input);
+    ++compared;
+  }
+  EXPECT_GT(compared, 500);
+}
+
+}  // namespace
