@@ -1,6 +1,9 @@
 #include "support/scripted_peer.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
 
 #include "utils/netbuffer.h"
 #include "utils/netbuffer_socket.h"
@@ -31,11 +34,28 @@ std::string frame(std::string_view body) {
   return be32(static_cast<uint32_t>(body.size() + 4)) + std::string(body);
 }
 
+void hold_message(NetBuffer* nb, std::string_view body) {
+  const size_t total = body.size() + 4;
+  if (nb->data == nullptr) nb->socket = kNetNoSocket;  // a record of its own, not a connection's
+  if (nb->data == nullptr || static_cast<size_t>(nb->size) < total) {
+    free(nb->data);
+    nb->size = static_cast<int32_t>(std::max<size_t>(total, NETBUF_INITIAL_SIZE));
+    nb->data = static_cast<char*>(calloc(1, static_cast<size_t>(nb->size)));
+  }
+  const std::string header = be32(static_cast<uint32_t>(total));
+  std::memcpy(nb->data, header.data(), 4);
+  if (!body.empty()) std::memcpy(nb->data + 4, body.data(), body.size());
+  nb->used = static_cast<int32_t>(total);
+  nb->pos = 4;
+  nb->state = NETBUF_PARSING;
+}
+
 ScriptedPeer::ScriptedPeer() : ScriptedPeer(Options{}) {}
 
 ScriptedPeer::ScriptedPeer(Options options) : options_(options) {
   network_init();
-  listener_ = net_bind(net_loopback_address(), 0, true);
+  const uint32_t address = options_.address ? options_.address : net_loopback_address();
+  listener_ = net_bind(address, 0, true);
   if (listener_ != kNetNoSocket) port_ = net_local_port(listener_);
 }
 
@@ -166,7 +186,8 @@ int32_t ScriptedPeer::connect_client() const {
   network_init();
   int32_t s = net_tcp_socket();
   if (s == kNetNoSocket) return s;
-  if (net_connect(s, net_loopback_address(), port_) != 0) {
+  const uint32_t address = options_.address ? options_.address : net_loopback_address();
+  if (net_connect(s, address, port_) != 0) {
     net_close(s);
     return kNetNoSocket;
   }

@@ -21,6 +21,8 @@
 #include <thread>
 #include <vector>
 
+struct NetBuffer;
+
 namespace kest_test {
 
 // Field encodings of the wire format, for building expected or scripted bytes.
@@ -29,11 +31,17 @@ std::string be64(int64_t value);
 std::string var(std::string_view bytes);   // length prefix and the bytes
 std::string frame(std::string_view body);  // the 4-byte total length, then the body
 
+// Puts `body` into `nb` as a received message ready to parse (NETBUF_PARSING, pos 4), without a
+// socket. Allocates the data area when nb->data is null; release it with NetBufferClose.
+void hold_message(NetBuffer* nb, std::string_view body);
+
 class ScriptedPeer {
  public:
   struct Options {
     size_t chunk = 0;  // bytes per send call; 0 sends each step's bytes in one go
     int pause_us = 0;  // pause after each chunk, so the receiver sees partial data
+    // Where to listen, IPv4 in network byte order; 0 is 127.0.0.1. Keep it inside 127.0.0.0/8.
+    uint32_t address = 0;
   };
   static constexpr int64_t kStepTimeoutUs = 10'000'000;
 

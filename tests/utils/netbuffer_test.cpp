@@ -36,13 +36,6 @@ struct MemBuffer {
     nb.pos = 4;
     nb.state = NETBUF_PARSING;
   }
-  // Holds `body` as a received message.
-  void hold(const std::string& body) {
-    nb.state = NETBUF_BUILDING;
-    nb.pos = 4;
-    NetBufferPut(&nb, body.data(), static_cast<int32_t>(body.size()));
-    to_parsing();
-  }
 };
 
 // A NetBuffer on a socket connected to a scripted peer.
@@ -192,7 +185,7 @@ TEST_P(NetBufferDeathTest, ReadingPastTheMessageEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const DeathCase& c = GetParam();
   MemBuffer m;
-  m.hold(std::string(c.body, c.body_len));
+  kest_test::hold_message(&m.nb, std::string_view(c.body, c.body_len));
   EXPECT_DEATH(c.read(&m.nb), std::string("NETBUFFER:assertion \"") + c.text + "\" failed");
 }
 
