@@ -14,21 +14,22 @@ char empty_text[1] = {0};
 
 sb* sb_create(size_t initial) {
   auto* b = static_cast<sb*>(std::calloc(1, sizeof(sb)));
-  KEST_ASSERT(kFacility, b);
+  KEST_ASSERT_TEXT(kFacility, b, "sb");
   b->capacity = initial ? initial : 64;
   b->data = static_cast<char*>(std::malloc(b->capacity));
-  KEST_ASSERT(kFacility, b->data);
+  KEST_ASSERT_TEXT(kFacility, b->data, "sb->data");
   sb_reset(b);
   return b;
 }
 
 void sb_reset(sb* b) {
-  KEST_ASSERT(kFacility, b);
+  KEST_ASSERT_TEXT(kFacility, b, "sb");
   b->length = 0;
   b->data[0] = 0;
 }
 
 int sb_vappend(sb* b, const char* format, va_list args) {
+  KEST_ASSERT_TEXT(kFacility, b, "sb");
   size_t room = b->capacity - b->length;
   va_list copy;
   va_copy(copy, args);
@@ -47,9 +48,9 @@ int sb_vappend(sb* b, const char* format, va_list args) {
     va_copy(copy, args);
     ret = std::vsnprintf(b->data + b->length, room, format, copy);
     va_end(copy);
-    if (ret < 0) break;
+    if (ret < 0) break;  // a formatting error, not a lack of room: reported below
   }
-  KEST_ASSERT(kFacility, ret >= 0 && static_cast<size_t>(ret) < room);
+  KEST_ASSERT_TEXT(kFacility, ret >= 0 && static_cast<size_t>(ret) < room, "(size_t)ret < size");
   b->length += static_cast<size_t>(ret);
   return ret;
 }
@@ -63,8 +64,8 @@ int sb_append(sb* b, const char* format, ...) {
 }
 
 void sb_free(sb* b) {
-  KEST_ASSERT(kFacility, b);
-  KEST_ASSERT(kFacility, b->data);
+  KEST_ASSERT_TEXT(kFacility, b, "sb");
+  KEST_ASSERT_TEXT(kFacility, b->data, "sb->data");
   std::free(b->data);
   std::free(b);
 }
@@ -76,17 +77,20 @@ char* str_dup(MemContext* ctx, const char* text, uint32_t flags) {
   return p;
 }
 
+// The printf family here returns the full length when the text does not fit, so one retry at
+// that length suffices; a negative result is a formatting error and gives the empty text.
 char* str_format(MemContext* ctx, uint32_t flags, const char* format, ...) {
   size_t size = 256;
-  auto* block = static_cast<char*>(mem_malloc(ctx, size, flags | KEST_MEM_ALLOWFAILURE));
+  auto* block = static_cast<char*>(mem_malloc(ctx, size, flags));
   while (block) {
     va_list args;
     va_start(args, format);
-    int n = std::vsnprintf(block, size, format, args);
+    const int n = std::vsnprintf(block, size, format, args);
     va_end(args);
-    if (n >= 0 && static_cast<size_t>(n) < size) return block;
-    size = n < 0 ? 2 * size : static_cast<size_t>(n) + 1;
-    block = static_cast<char*>(mem_realloc(ctx, block, size, KEST_MEM_ALLOWFAILURE));
+    if (n < 0) break;
+    if (static_cast<size_t>(n) < size) return block;
+    size = static_cast<size_t>(n) + 1;
+    block = static_cast<char*>(mem_realloc(ctx, block, size, flags & MEM_REALLOC_VALID_FLAGS));
   }
   return empty_text;
 }
@@ -100,6 +104,14 @@ char* str_tolower(MemContext* ctx, const char* text) {
   for (char* q = copy; *q; ++q)
     if (*q >= 'A' && *q <= 'Z') *q = static_cast<char>(*q - 'A' + 'a');
   return copy;
+}
+
+void* mem_realloc_zero(MemContext* ctx, void* block, size_t new_size, uint32_t flags) {
+  const size_t old_size = block ? mem_block_requested_size(block) : 0;
+  void* p = mem_realloc(ctx, block, new_size, flags);
+  if (p && new_size > old_size && mem_block_area_mode(p) != 1)
+    std::memset(static_cast<char*>(p) + old_size, 0, new_size - old_size);
+  return p;
 }
 
 int str_vbprintf(char* buffer, size_t size, const char* format, va_list args) {
@@ -126,12 +138,18 @@ long utf8_length_n(const char* text, size_t n) {
     unsigned c = s[i++];
     if (c < 128) continue;
     int follow;
-    if (c >= 192 && c <= 223) follow = 1;
-    else if (c >= 224 && c <= 239) follow = 2;
-    else if (c >= 240 && c <= 247) follow = 3;
-    else if (c >= 248 && c <= 251) follow = 4;
-    else if (c >= 252) follow = 5;
-    else return -1;  // a continuation byte cannot lead
+    if (c >= 192 && c <= 223)
+      follow = 1;
+    else if (c >= 224 && c <= 239)
+      follow = 2;
+    else if (c >= 240 && c <= 247)
+      follow = 3;
+    else if (c >= 248 && c <= 251)
+      follow = 4;
+    else if (c >= 252)
+      follow = 5;
+    else
+      return -1;  // a continuation byte cannot lead
     for (int k = 0; k < follow; ++k, ++i)
       if (i >= n || (s[i] & 0xC0) != 0x80) return -1;
   }
@@ -139,3 +157,5 @@ long utf8_length_n(const char* text, size_t n) {
 }
 
 long utf8_length(const char* text) { return utf8_length_n(text, std::strlen(text)); }
+
+size_t str_length(const char* text) { return std::strlen(text); }

@@ -27,11 +27,15 @@ void sb_free(sb* b);
 
 // Context string functions: results live in `ctx` and die with it.
 char* str_dup(MemContext* ctx, const char* text, uint32_t flags = 0);
-// Newly formatted text; a shared empty string on allocation failure, never null.
+// Newly formatted text; a shared empty string (never to be written or freed) when the allocation
+// fails with KEST_MEM_ALLOWFAILURE in `flags` or the format is in error, never null. Without the
+// flag, running out of memory takes the context's out-of-memory path.
 char* str_format(MemContext* ctx, uint32_t flags, const char* format, ...) KEST_PRINTF_LIKE(3, 4);
-// Lower-case copy; returns `text` itself when it holds no ASCII capital.
+// Lower-case copy of A-Z; returns `text` itself (nothing allocated) when it holds no ASCII capital,
+// null when the copy cannot be allocated.
 char* str_tolower(MemContext* ctx, const char* text);
-// Reallocates and zeroes the bytes between the old requested size and the new one.
+// Reallocates and zeroes the bytes between the old requested size and the new one (not needed,
+// and skipped, when the block lies in a page area, which is fresh from the system).
 void* mem_realloc_zero(MemContext* ctx, void* block, size_t new_size, uint32_t flags = 0);
 
 // Bounded format: the number of bytes written; -1 (last byte set to NUL) when the text does not
@@ -44,3 +48,4 @@ int str_vbprintf(char* buffer, size_t size, const char* format, va_list args)
 // take 1 to 5 continuation bytes 10xxxxxx), else -1.
 long utf8_length(const char* text);
 long utf8_length_n(const char* text, size_t n);
+size_t str_length(const char* text);

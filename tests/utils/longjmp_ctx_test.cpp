@@ -1,0 +1,100 @@
+#include "utils/longjmp_ctx.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "utils/platform.h"
+
+namespace {
+
+class LongJmpCtxTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_NE(ljc_ = longjmp_ctx_create(), nullptr); }
+  void TearDown() override { longjmp_ctx_destroy(ljc_); }
+  LongJmpCtx* ljc_ = nullptr;
+};
+using LongJmpCtxDeathTest = LongJmpCtxTest;
+
+// Called from a deeper frame, as the memory contexts do.
+[[noreturn]] void fail_deep(LongJmpCtx* ljc, int code, int depth) {
+  if (depth == 0) longjmp_ctx_jump(ljc, code);
+  fail_deep(ljc, code, depth - 1);
+}
+
+TEST_F(LongJmpCtxTest, JumpReturnsToTheArmedScopeWithItsCode) {
+  volatile int reached = 0;
+  LongJmpScope scope(ljc_);
+  if (LONGJMP_CTX_SETJMP(scope) == 0) {
+    reached = 1;
+    fail_deep(ljc_, 7, 5);
+  } else {
+    reached = 2;
+  }
+  EXPECT_EQ(reached, 2);
+  EXPECT_TRUE(scope.jumped());
+  EXPECT_EQ(scope.code(), 7);
+}
+
+TEST_F(LongJmpCtxTest, ScopeWithoutJumpLeavesNoNodeBehind) {
+  {
+    LongJmpScope scope(ljc_);
+    ASSERT_EQ(LONGJMP_CTX_SETJMP(scope), 0);
+    EXPECT_FALSE(scope.jumped());
+    EXPECT_EQ(ljc_->nodes, &scope.node());
+  }
+  EXPECT_EQ(ljc_->nodes, nullptr);
+}
+
+TEST_F(LongJmpCtxTest, NestedScopesCatchInnermostFirst) {
+  volatile int outer_caught = 0, inner_caught = 0;
+  LongJmpScope outer(ljc_);
+  if (LONGJMP_CTX_SETJMP(outer) == 0) {
+    {
+      LongJmpScope inner(ljc_);
+      if (LONGJMP_CTX_SETJMP(inner) == 0) fail_deep(ljc_, 3, 2);
+      inner_caught = inner.code();
+    }
+    fail_deep(ljc_, 4, 1);  // the inner node is gone: the outer one catches
+  } else {
+    outer_caught = outer.code();
+  }
+  EXPECT_EQ(inner_caught, 3);
+  EXPECT_EQ(outer_caught, 4);
+}
+
+TEST_F(LongJmpCtxTest, EachThreadFindsItsOwnNode) {
+  LongJmpScope mine(ljc_);
+  volatile int other_code = 0;
+  std::thread other([&] {
+    LongJmpScope theirs(ljc_);
+    if (LONGJMP_CTX_SETJMP(theirs) == 0) fail_deep(ljc_, 9, 1);
+    other_code = theirs.code();
+  });
+  other.join();
+  EXPECT_EQ(other_code, 9);
+  EXPECT_FALSE(mine.jumped());
+}
+
+// The node is armed inside the death statement: a forked child runs under its own thread id.
+TEST_F(LongJmpCtxDeathTest, SecondJumpThroughOneNodeAborts) {
+  auto jump_twice = [this] {
+    LongJmpScope scope(ljc_);
+    if (LONGJMP_CTX_SETJMP(scope) == 0) fail_deep(ljc_, 1, 0);
+    longjmp_ctx_jump(ljc_, 1);
+  };
+  EXPECT_DEATH(jump_twice(), "assertion \"ljc->jumped == FALSE\" failed");
+}
+
+TEST_F(LongJmpCtxDeathTest, JumpWithoutNodeForThisThreadAborts) {
+  EXPECT_DEATH(longjmp_ctx_jump(ljc_, 2), "assertion \"ljc != NULL\" failed");
+  EXPECT_DEATH(longjmp_ctx_jump(nullptr, 2), "assertion \"ljc != NULL\" failed");
+  auto jump_from_elsewhere = [this] {
+    LongJmpScope scope(ljc_);
+    scope.node().thread_id = current_thread_id() + 1;  // as if another thread had registered
+    if (LONGJMP_CTX_SETJMP(scope) == 0) longjmp_ctx_jump(ljc_, 2);
+  };
+  EXPECT_DEATH(jump_from_elsewhere(), "assertion \"ljc != NULL\" failed");
+}
+
+}  // namespace
