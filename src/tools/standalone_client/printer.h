@@ -1,6 +1,7 @@
 // The result printer: turns a streamed query result into an ascii or unicode table, raw values or
 // an html table on a stream: the head when the acknowledgement arrives, the rows of each data
-// message as it arrives, the footer with the row count at the end.
+// message as it arrives, the footer with the row count at the end. The printer keeps no rows; its
+// memory does not grow with the result.
 #pragma once
 
 #include <cstdint>
@@ -9,20 +10,24 @@
 struct PhysicalType;
 struct ResultPrinter;
 
-// Output modes (output_mode_code).
+// Output modes (output_mode_code). Any other value prints like ascii.
 enum : int { OUTPUT_ASCII = 0, OUTPUT_UNICODE = 1, OUTPUT_RAW = 2, OUTPUT_HTML = 3 };
 
 // Prints the head and returns the printer, or null when memory runs out (nothing is printed).
 // `names` (ncols entries), `types`, `ltypes` and `isconst` are borrowed and must outlive the
-// printer.
+// printer. A column with an empty name and 1-byte values that is not the last one, and does not
+// follow such a column, is the null indicator of the next column and is never printed.
+// The head is written to `stream` and the stream flushed before the call returns.
 ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
                             const PhysicalType* const* types, const uint32_t* ltypes,
                             const int32_t* isconst, int mode);
-// Prints `rows` rows of one data message. `data` holds one data area per column; `selection`
-// (optional, may be null) lists the row indexes to print.
+// Prints `rows` rows of one data message. `data` holds one data area per column (one value for a
+// constant column, else at least `rows` values, or as many as `selection` reaches); `selection`
+// (optional, may be null) lists the row indexes to print. Everything is written to the stream and
+// the stream flushed before the call returns. A null printer prints nothing.
 void printer_rows(ResultPrinter* printer, void* const* data, const int32_t* selection,
                   int64_t rows);
-// Prints the footer, flushes the stream and frees the printer.
+// Prints the footer, flushes the stream and frees the printer. A null printer is ignored.
 void printer_close(ResultPrinter* printer);
-// Prints rule line 0 (top), 1 (middle) or 2 (bottom).
+// Prints rule line 0 (top), 1 (middle) or 2 (bottom); any other line is an assertion failure.
 void print_rule(ResultPrinter* printer, int which);

@@ -1,0 +1,54 @@
+// A fixed output buffer in front of a stdio stream: small appends land in memory and reach the
+// stream in large fwrite blocks. The printer writes every byte of a result through one of these.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+class OutBuffer {
+ public:
+  static constexpr size_t kCapacity = 64 * 1024;
+
+  // Allocates the buffer (throws std::bad_alloc). `stream` is borrowed and must outlive this.
+  explicit OutBuffer(FILE* stream);
+  // Writes out what is pending, without flushing the stream.
+  ~OutBuffer();
+  OutBuffer(const OutBuffer&) = delete;
+  OutBuffer& operator=(const OutBuffer&) = delete;
+
+  // Returns room for `n` contiguous bytes, writing pending bytes out first when needed.
+  // REQUIRES: n <= kCapacity. The bytes count only once commit() is called.
+  char* reserve(size_t n) {
+    if (kCapacity - used_ < n) drain();
+    return data_.get() + used_;
+  }
+  void commit(size_t n) { used_ += n; }
+
+  void append(std::string_view text) {
+    if (text.size() > kCapacity - used_) {
+      if (text.size() > kCapacity) return append_long(text);
+      drain();
+    }
+    std::memcpy(data_.get() + used_, text.data(), text.size());
+    used_ += text.size();
+  }
+  void append_fill(char c, size_t n);
+  void append_repeat(std::string_view text, size_t n);
+
+  // Writes pending bytes to the stream and flushes the stream.
+  void flush();
+  // Writes pending bytes to the stream (one fwrite).
+  void drain();
+
+  size_t pending() const { return used_; }
+
+ private:
+  void append_long(std::string_view text);
+
+  FILE* stream_;
+  std::unique_ptr<char[]> data_;
+  size_t used_ = 0;
+};

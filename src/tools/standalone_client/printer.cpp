@@ -1,0 +1,329 @@
+#include "tools/standalone_client/printer.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+#include <vector>
+
+#include "kernel/ltype.h"
+#include "tools/standalone_client/out_buffer.h"
+#include "utils/kest_assert.h"
+
+namespace {
+
+// Glyphs by rule position: 0 the cell separator (also raw's value separator), 1 the horizontal
+// line, then the left corner, junction and right corner of the top (2-4), middle (5-7) and
+// bottom (8-10) rules. Rule k uses 2 + 3k, 3 + 3k and 4 + 3k.
+using LineGlyphs = std::array<std::string_view, 11>;
+
+constexpr LineGlyphs kAsciiGlyphs = {"|", "-", "+", "+", "+", "+", "+", "+", "+", "+", "+"};
+// UTF-8 bytes, whatever the console's code page.
+constexpr LineGlyphs kUnicodeGlyphs = {
+    "\xE2\x94\x82",  // U+2502
+    "\xE2\x94\x80",  // U+2500
+    "\xE2\x94\x8C",  // U+250C
+    "\xE2\x94\xAC",  // U+252C
+    "\xE2\x94\x90",  // U+2510
+    "\xE2\x94\x9C",  // U+251C
+    "\xE2\x94\xBC",  // U+253C
+    "\xE2\x94\xA4",  // U+2524
+    "\xE2\x94\x94",  // U+2514
+    "\xE2\x94\xB4",  // U+2534
+    "\xE2\x94\x98",  // U+2518
+};
+
+constexpr size_t kValueTextSize = 1024;
+constexpr int kTypeTextSize = 64;
+constexpr int kDefaultWidth = 24;
+constexpr int kMaxWidth = 128;
+// Room for one padded cell: its text plus at most a full width of blanks.
+constexpr size_t kCellRoom = kValueTextSize + kMaxWidth;
+
+struct Column {
+  const PhysicalType* type;
+  uint32_t ltype;
+  int32_t isconst;
+  int32_t width;      // display width in characters
+  int32_t size;       // bytes per stored value
+  int32_t hidden;     // the null indicator of the next column, never printed
+  int32_t indicator;  // index of this column's null indicator, or -1
+  bool left;          // char and varchar: left-aligned, padded by characters
+};
+
+int display_width(const char* name, uint32_t ltype) {
+  char text[kTypeTextSize];
+  ltype_to_string(text, ltype);
+  int width = ltype_display_width(ltype);
+  if (width == 0) width = kDefaultWidth;
+  const int longest = static_cast<int>(std::max(std::strlen(text), std::strlen(name)));
+  return std::min(std::max(width, longest), kMaxWidth);
+}
+
+bool is_text_type(uint32_t ltype) {
+  const uint32_t id = ltype_id(ltype);
+  return id == LTYPE_CHAR || id == LTYPE_VCHAR;
+}
+
+// Characters of UTF-8 text as the table pads them: a byte below 128 is one character; a byte of
+// 128 or more also takes the next byte, and one more byte for each of the thresholds 224, 240,
+// 248 and 252 that it reaches, for as long as those bytes are 128 or more. Reads no further than
+// `len` bytes, whatever the text holds.
+size_t utf8_chars(const char* text, size_t len) {
+  size_t chars = 0;
+  size_t i = 0;
+  while (i < len) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    ++chars;
+    i += lead < 128 ? 1 : 2;
+    if (lead < 224) continue;
+    for (unsigned threshold : {224u, 240u, 248u, 252u}) {
+      if (lead < threshold || i >= len || static_cast<unsigned char>(text[i]) < 128) break;
+      ++i;
+    }
+  }
+  return chars;
+}
+
+std::string_view rows_word(int64_t rows) { return rows == 1 ? "row" : "rows"; }
+
+}  // namespace
+
+struct ResultPrinter {
+  ResultPrinter(FILE* stream, int mode)
+      : out(stream),
+        glyphs(mode == OUTPUT_UNICODE ? &kUnicodeGlyphs : &kAsciiGlyphs),
+        raw(mode == OUTPUT_RAW),
+        html(mode == OUTPUT_HTML) {}
+
+  std::vector<Column> columns;
+  std::vector<int32_t> visible;  // indexes of the printed columns, in order
+  int64_t rows = 0;
+  OutBuffer out;
+  const LineGlyphs* glyphs;
+  bool raw;
+  bool html;
+};
+
+namespace {
+
+void setup_columns(ResultPrinter& p, int32_t ncols, char* const* names,
+                   const PhysicalType* const* types, const uint32_t* ltypes,
+                   const int32_t* isconst) {
+  p.columns.resize(static_cast<size_t>(ncols));
+  for (int32_t i = 0; i < ncols; ++i) {
+    Column& c = p.columns[i];
+    c.type = types[i];
+    c.ltype = ltypes[i];
+    c.isconst = isconst[i];
+    c.width = display_width(names[i], ltypes[i]);
+    c.size = ptype_width(types[i]);
+    const bool previous_hidden = i > 0 && p.columns[i - 1].hidden;
+    c.hidden = names[i][0] == '\0' && c.size == 1 && i != ncols - 1 && !previous_hidden;
+    c.indicator = previous_hidden ? i - 1 : -1;
+    c.left = is_text_type(c.ltype);
+    if (!c.hidden) p.visible.push_back(i);
+  }
+}
+
+// Writes the text of a cell at `dst`, which has room for kValueTextSize bytes, and returns its
+// length. A text too long for the buffer is cut to what the conversion left in it.
+size_t cell_text(const ResultPrinter& p, const Column& c, void* const* data, int64_t row,
+                 int32_t column, char* dst) {
+  if (c.indicator >= 0) {
+    const Column& ind = p.columns[c.indicator];
+    const auto* flags = static_cast<const unsigned char*>(data[c.indicator]);
+    if (flags[ind.isconst ? 0 : row] != 0) return 0;
+  }
+  const char* value = static_cast<const char*>(data[column]) + (c.isconst ? 0 : row * c.size);
+  const int n = value_to_string(dst, kValueTextSize, c.type, c.ltype, value);
+  if (n < 0 || static_cast<size_t>(n) >= kValueTextSize) {
+    return static_cast<size_t>(std::find(dst, dst + kValueTextSize - 1, '\0') - dst);
+  }
+  return static_cast<size_t>(n);
+}
+
+void print_rule_line(ResultPrinter& p, int which) {
+  const LineGlyphs& g = *p.glyphs;
+  const size_t base = 2 + 3 * static_cast<size_t>(which);
+  p.out.append(g[base]);
+  for (size_t k = 0; k < p.visible.size(); ++k) {
+    p.out.append_repeat(g[1], static_cast<size_t>(p.columns[p.visible[k]].width));
+    p.out.append(g[k + 1 == p.visible.size() ? base + 2 : base + 1]);
+  }
+  p.out.append("\n");
+}
+
+// One head line of the table modes: each text left-aligned and padded by bytes to the width.
+template <typename TextOf>
+void print_head_line(ResultPrinter& p, TextOf text_of) {
+  const std::string_view bar = (*p.glyphs)[0];
+  p.out.append(bar);
+  for (int32_t i : p.visible) {
+    const std::string_view text = text_of(i);
+    p.out.append(text);
+    const size_t width = static_cast<size_t>(p.columns[i].width);
+    if (text.size() < width) p.out.append_fill(' ', width - text.size());
+    p.out.append(bar);
+  }
+  p.out.append("\n");
+}
+
+template <typename TextOf>
+void print_html_head_cells(ResultPrinter& p, TextOf text_of) {
+  for (int32_t i : p.visible) {
+    p.out.append("<th>");
+    p.out.append(text_of(i));
+    p.out.append("</th>");
+  }
+}
+
+void print_head(ResultPrinter& p, char* const* names) {
+  if (p.raw) return;
+  char type_text[kTypeTextSize];
+  auto name_of = [&](int32_t i) { return std::string_view(names[i]); };
+  auto type_of = [&](int32_t i) {
+    ltype_to_string(type_text, p.columns[i].ltype);
+    return std::string_view(type_text);
+  };
+  if (p.html) {
+    p.out.append("<table class=\"znresult\">");
+    if (p.columns.empty()) return;
+    p.out.append("<thead><tr>");
+    print_html_head_cells(p, name_of);
+    p.out.append("</tr><tr>");
+    print_html_head_cells(p, type_of);
+    p.out.append("</tr></thead>");
+    return;
+  }
+  print_rule_line(p, 0);
+  print_head_line(p, name_of);
+  print_head_line(p, type_of);
+  print_rule_line(p, 1);
+}
+
+void print_table_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {
+  const std::string_view bar = (*p.glyphs)[0];
+  for (int64_t r = 0; r < rows; ++r) {
+    const int64_t row = selection ? selection[r] : r;
+    p.out.append(bar);
+    for (int32_t i : p.visible) {
+      const Column& c = p.columns[i];
+      char* dst = p.out.reserve(kCellRoom);
+      const size_t len = cell_text(p, c, data, row, i, dst);
+      const size_t width = static_cast<size_t>(c.width);
+      size_t pad = 0;
+      if (c.left) {
+        const size_t chars = utf8_chars(dst, len);
+        pad = chars < width ? width - chars : 0;
+        std::memset(dst + len, ' ', pad);
+      } else if (len < width) {
+        pad = width - len;
+        std::memmove(dst + pad, dst, len);
+        std::memset(dst, ' ', pad);
+      }
+      p.out.commit(len + pad);
+      p.out.append(bar);
+    }
+    p.out.append("\n");
+  }
+}
+
+void print_raw_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {
+  const std::string_view bar = (*p.glyphs)[0];
+  const size_t last = p.visible.size();
+  for (int64_t r = 0; r < rows; ++r) {
+    const int64_t row = selection ? selection[r] : r;
+    for (size_t k = 0; k < last; ++k) {
+      const int32_t i = p.visible[k];
+      char* dst = p.out.reserve(kValueTextSize);
+      p.out.commit(cell_text(p, p.columns[i], data, row, i, dst));
+      if (k + 1 < last) p.out.append(bar);
+    }
+    p.out.append("\n");
+  }
+}
+
+void print_html_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {
+  if (p.columns.empty()) return;
+  for (int64_t r = 0; r < rows; ++r) {
+    const int64_t row = selection ? selection[r] : r;
+    p.out.append("<tr>");
+    for (int32_t i : p.visible) {
+      const Column& c = p.columns[i];
+      p.out.append(c.left ? std::string_view("<td>") : std::string_view("<td align=\"right\">"));
+      char* dst = p.out.reserve(kValueTextSize);
+      p.out.commit(cell_text(p, c, data, row, i, dst));
+      p.out.append("</td>");
+    }
+    p.out.append("</tr>");
+  }
+}
+
+void print_footer(ResultPrinter& p) {
+  if (p.raw) return;
+  char count[24];
+  const auto end = std::to_chars(count, count + sizeof count, p.rows).ptr;
+  const std::string_view count_text(count, static_cast<size_t>(end - count));
+  if (p.html) {
+    p.out.append("<tr><td colspan=\"0\">");
+    p.out.append(count_text);
+    p.out.append(" ");
+    p.out.append(rows_word(p.rows));
+    p.out.append("</td></tr></table>\n");
+    return;
+  }
+  print_rule_line(p, 2);
+  p.out.append("(");
+  p.out.append(count_text);
+  p.out.append(" ");
+  p.out.append(rows_word(p.rows));
+  p.out.append(")\n");
+}
+
+}  // namespace
+
+ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
+                            const PhysicalType* const* types, const uint32_t* ltypes,
+                            const int32_t* isconst, int mode) {
+  std::unique_ptr<ResultPrinter> p;
+  try {
+    p = std::make_unique<ResultPrinter>(stream, mode);
+    setup_columns(*p, std::max(ncols, 0), names, types, ltypes, isconst);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+  print_head(*p, names);
+  p->out.flush();
+  return p.release();
+}
+
+void printer_rows(ResultPrinter* printer, void* const* data, const int32_t* selection,
+                  int64_t rows) {
+  if (printer == nullptr || rows <= 0) return;
+  if (printer->html) {
+    print_html_rows(*printer, data, selection, rows);
+  } else if (printer->raw) {
+    print_raw_rows(*printer, data, selection, rows);
+  } else {
+    print_table_rows(*printer, data, selection, rows);
+  }
+  printer->rows += rows;
+  printer->out.flush();
+}
+
+void printer_close(ResultPrinter* printer) {
+  if (printer == nullptr) return;
+  const std::unique_ptr<ResultPrinter> owner(printer);
+  print_footer(*owner);
+  owner->out.flush();
+}
+
+void print_rule(ResultPrinter* printer, int which) {
+  KEST_ASSERT("KESTCLIENT", which >= 0 && which <= 2);
+  print_rule_line(*printer, which);
+  printer->out.flush();
+}
