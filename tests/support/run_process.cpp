@@ -22,9 +22,10 @@ bool same_name(const std::string& entry, const std::string& name, bool fold_case
 
 // "NAME=value" entries of the inherited environment with the overrides applied.
 EnvEntries apply_overrides(EnvEntries entries, const ProcessOptions& options, bool fold_case) {
-  for (const auto& [name, value] : options.env) {
+  for (const auto& change : options.env) {
+    const std::string& name = change.first;
     std::erase_if(entries, [&](const std::string& e) { return same_name(e, name, fold_case); });
-    if (value) entries.push_back(name + "=" + *value);
+    if (change.second) entries.push_back(name + "=" + *change.second);
   }
   return entries;
 }
