@@ -1,0 +1,249 @@
+#include "tools/standalone_client/reception.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "kernel/ltype.h"
+#include "tools/standalone_client/client_globals.h"
+#include "tools/standalone_client/printer.h"
+#include "tools/standalone_client/session.h"
+#include "utils/kest_assert.h"
+#include "utils/netbuffer.h"
+#include "utils/znlog.h"
+
+QueryResult queryres = {};
+
+namespace {
+
+constexpr const char* kFacility = "KESTCLIENT";
+constexpr uint32_t kStatusError = 0xFFFFFFFFu;
+
+template <typename T>
+T* alloc_array(int64_t count) {
+  return count < 0 ? nullptr : static_cast<T*>(calloc(static_cast<size_t>(count) + 1, sizeof(T)));
+}
+
+void allocate_columns(int32_t n) {
+  queryres.name = alloc_array<char*>(n);
+  queryres.type = alloc_array<const PhysicalType*>(n);
+  queryres.ltype = alloc_array<uint32_t>(n);
+  queryres.isconst = alloc_array<int32_t>(n);
+  queryres.width = alloc_array<int32_t>(n);
+  queryres.data = alloc_array<void*>(n);
+  KEST_ASSERT(kFacility, queryres.name && queryres.type && queryres.ltype && queryres.isconst &&
+                             queryres.width && queryres.data);
+}
+
+void read_names(NetBuffer* netbuf, int32_t n) {
+  for (int32_t i = 0; i < n; ++i) {
+    const int64_t len = NetBufferGetLen(netbuf);
+    queryres.name[i] = static_cast<char*>(malloc(static_cast<size_t>(len) + 1));
+    KEST_ASSERT(kFacility, queryres.name[i]);
+    NetBufferGetStr(netbuf, queryres.name[i]);
+  }
+}
+
+void read_description(NetBuffer* netbuf, int32_t i, int64_t vector_size) {
+  queryres.isconst[i] = static_cast<int32_t>(NetBufferGetInt(netbuf));
+  KEST_ASSERT(kFacility, NetBufferGetLen(netbuf) < MAX_TYPE_NAME);
+  char text[MAX_TYPE_NAME];
+  NetBufferGetStr(netbuf, text);
+  queryres.ltype[i] = ltype_parse(text);
+
+  std::string physical(static_cast<size_t>(NetBufferGetLen(netbuf)), '\0');
+  NetBufferGetStr(netbuf, physical.data());
+  const PhysicalType* type = ptype_lookup(physical.c_str());
+  if (type == nullptr) {
+    ZN_LOG(kFacility, ZN_ERROR, "Unknown type: %s\n", physical.c_str());
+    abort();
+  }
+  queryres.type[i] = type;
+  queryres.width[i] = ptype_width(type);
+  const int64_t values = queryres.isconst[i] ? 1 : vector_size;
+  if (values >= 0 && queryres.width[i] > 0)
+    queryres.data[i] =
+        calloc(static_cast<size_t>(values ? values : 1), static_cast<size_t>(queryres.width[i]));
+  KEST_ASSERT(kFacility, queryres.data[i]);
+}
+
+// Prints a server error as the run shows it: on standard output, and at level 3 in the log.
+void report_server_error(ErrorRecord* error) {
+  const std::string text = server_error_text(error);
+  std::printf("Error: %s\n", text.c_str());
+  ZN_LOG(kFacility, ZN_DEBUG, "%s", text.c_str());
+  free_error(error);
+}
+
+bool is_fixed(int32_t column) { return queryres.type[column]->fixed_size != 0; }
+
+void read_column(NetBuffer* netbuf, int32_t column, int64_t rows) {
+  const int64_t k = queryres.isconst[column] ? 1 : rows;
+  if (is_fixed(column)) {
+    NetBufferGet(netbuf, queryres.data[column], k * queryres.width[column]);
+    return;
+  }
+  // The printer reads each value as a terminated string, so each buffer keeps room for a zero.
+  auto** values = static_cast<char**>(queryres.data[column]);
+  for (int64_t j = 0; j < k; ++j) {
+    const int64_t len = NetBufferGetLen(netbuf);
+    char* value = static_cast<char*>(malloc(static_cast<size_t>(len) + 1));
+    KEST_ASSERT(kFacility, value);
+    NetBufferGetStr(netbuf, value);
+    values[j] = value;
+  }
+}
+
+void free_values(int32_t column, int64_t rows) {
+  if (is_fixed(column)) return;
+  const int64_t k = queryres.isconst[column] ? 1 : rows;
+  auto** values = static_cast<char**>(queryres.data[column]);
+  for (int64_t j = 0; j < k; ++j) {
+    free(values[j]);
+    values[j] = nullptr;
+  }
+}
+
+void append_unknown_code_text(std::string& out, const ErrorRecord* record) {
+  out = "Unknown error code ";
+  out += std::to_string(record->code);
+  if (record->num_err_params <= 0 || record->params == nullptr) {
+    out += " (no parameters)";
+    return;
+  }
+  out += " (parameters: ";
+  for (int32_t i = 0; i < record->num_err_params; ++i) {
+    if (i > 0) out += ", ";
+    const char* p = record->params[i];
+    if (p == nullptr) {
+      out += "null";
+      continue;
+    }
+    out += '\'';
+    out += p;
+    out += '\'';
+  }
+  out += ")";
+}
+
+}  // namespace
+
+void receive_ack(NetBuffer* netbuf, QueryAck* ack) {
+  KEST_ASSERT(kFacility, netbuf);
+  KEST_ASSERT(kFacility, ack);
+  *ack = QueryAck{};
+  if (NetBufferGetInt(netbuf) == kStatusError) {
+    ack->is_error = true;
+    ack->error = receive_error(netbuf);
+    return;
+  }
+  const auto n = static_cast<int32_t>(NetBufferGetInt(netbuf));
+  const int64_t vector_size = static_cast<int32_t>(NetBufferGetInt(netbuf));
+  allocate_columns(n);
+  read_names(netbuf, n);
+  for (int32_t i = 0; i < n; ++i) read_description(netbuf, i, vector_size);
+  ack->column_count = n;
+  ack->vector_size = vector_size;
+  if (print_results)
+    queryres.printer = printer_open(stdout, n, queryres.name, queryres.type, queryres.ltype,
+                                    queryres.isconst, output_mode_code);
+}
+
+int64_t receive_data(ClientConnection* connection) {
+  NetBuffer* netbuf = &connection->netbuf;
+  const int got = NetBufferRecv(netbuf);
+  if (got <= 0) {
+    ZN_LOG(kFacility, ZN_ERROR, got == 0 ? "connection closed by server" : "network error");
+    return -1;
+  }
+  if (NetBufferGetInt(netbuf) == kStatusError) {
+    ErrorRecord* error = receive_error(netbuf);
+    if (error) report_server_error(error);
+    return -1;
+  }
+  const int64_t rows = static_cast<int32_t>(NetBufferGetInt(netbuf));
+  if (rows == 0) {
+    ZN_LOG(kFacility, ZN_DEBUG, "no more data");
+    return 0;
+  }
+  if (rows < 0) {
+    ZN_LOG(kFacility, ZN_DEBUG, "Invalid number of tuples");
+    return -1;
+  }
+  if (rows > connection->vector_size) {
+    ZN_LOG(kFacility, ZN_ERROR, "Received more tuples than vectorsize. Aborting.");
+    return -1;
+  }
+  for (int32_t i = 0; queryres.name && queryres.name[i]; ++i) read_column(netbuf, i, rows);
+  if (print_results && queryres.printer)
+    printer_rows(queryres.printer, queryres.data, nullptr, rows);
+  for (int32_t i = 0; queryres.name && queryres.name[i]; ++i) free_values(i, rows);
+  return rows;
+}
+
+ErrorRecord* receive_error(NetBuffer* netbuf) {
+  auto* record = static_cast<ErrorRecord*>(calloc(1, sizeof(ErrorRecord)));
+  if (record == nullptr) {
+    ZN_LOG(kFacility, ZN_ERROR, "buf2KestError: error allocating memory");
+    return nullptr;
+  }
+  record->code = static_cast<int32_t>(NetBufferGetInt(netbuf));
+  const auto count = static_cast<int32_t>(NetBufferGetInt(netbuf));
+  ZN_LOG(kFacility, ZN_DEBUG, "received error %d with %d parameters", record->code, count);
+  if (count <= 0) return record;
+  record->params = static_cast<char**>(calloc(static_cast<size_t>(count), sizeof(char*)));
+  if (record->params == nullptr) {
+    ZN_LOG(kFacility, ZN_ERROR, "buf2KestError: error allocating memory");
+    free(record);
+    return nullptr;
+  }
+  for (int32_t i = 0; i < count; ++i) {
+    const int64_t len = NetBufferGetLen(netbuf);
+    char* param = static_cast<char*>(malloc(static_cast<size_t>(len) + 1));
+    if (param == nullptr) {
+      ZN_LOG(kFacility, ZN_ERROR, "buf2KestError: error allocating memory");
+      free_error(record);
+      return nullptr;
+    }
+    NetBufferGetStr(netbuf, param);
+    record->params[i] = param;
+    record->num_err_params = i + 1;
+    ZN_LOG(kFacility, ZN_DEBUG, "parameter %d = %s", i, param);
+  }
+  return record;
+}
+
+void free_error(ErrorRecord* record) {
+  if (record == nullptr) return;
+  for (int32_t i = 0; record->params && i < record->num_err_params; ++i) free(record->params[i]);
+  free(record->params);
+  free(record);
+}
+
+std::string server_error_text(const ErrorRecord* record) {
+  std::string text;
+  // Codes come from the server: one outside the table must never index it.
+  if (record->code < 0 || record->code >= KEST_ERROR_COUNT ||
+      kest_error_template(record->code) == nullptr) {
+    append_unknown_code_text(text, record);
+    return text;
+  }
+  text.assign(kest_error_msg_len(record), '\0');
+  kest_error_format(record, text.data());
+  text.resize(std::strlen(text.c_str()));
+  return text;
+}
+
+void queryres_free() {
+  for (int32_t i = 0; queryres.name && queryres.name[i]; ++i) {
+    free(queryres.name[i]);
+    free(queryres.data[i]);
+  }
+  free(queryres.name);
+  free(queryres.type);
+  free(queryres.ltype);
+  free(queryres.isconst);
+  free(queryres.width);
+  free(queryres.data);
+  queryres = QueryResult{};
+}

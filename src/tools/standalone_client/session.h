@@ -1,0 +1,40 @@
+// The server session: one TCP connection to the Kest server per run, used for every query in
+// turn. Resolves the server, connects with a bounded number of tries and a doubling pause, loads
+// the authentication key, and runs one query at a time.
+//
+// Query message: int 1 (the request code), str the query text, str the key up to its first zero
+// byte. The answers are parsed by the reception (reception.h).
+#pragma once
+
+#include <cstdint>
+
+#include "utils/netbuffer.h"
+
+struct ClientConnection {
+  int32_t socket;
+  int32_t column_count;  // of the current result
+  int64_t vector_size;   // the most rows one data message of the current result may carry
+  char* key;             // owned, 65 bytes zero-filled: up to 64 key bytes and a zero
+  NetBuffer netbuf;      // owns the socket once connected
+};
+
+// Connects to `host` (a dotted IPv4 address when it starts with a digit, else a name to
+// resolve) on `port`, trying `tries` times, and reads the key from the configured passfile.
+// Returns the connection, owned by the caller and ended with client_disconnect, or null (the
+// reason is logged). A dotted address whose value read as a signed 32-bit number in memory is
+// negative (last part 128 or more on this byte order) is refused as invalid.
+ClientConnection* client_connect(const char* host, int64_t port, int64_t tries);
+// A socket connected to `address` (IPv4, network byte order) and `port`, with TCP_NODELAY, or -1
+// (logged). Failed tries are followed, except the last, by a pause of 400 << try milliseconds.
+// A negative `tries` makes no attempt and returns the socket unconnected.
+int32_t open_socket(uint32_t address, int64_t port, int64_t tries);
+// Sends `query` and reads its acknowledgement and results, printing them when print_results is
+// set. 0 when the results were read to their end, -1 otherwise (a server error is printed as
+// "Error: <message>" on standard output).
+int run_query(ClientConnection* connection, const char* query);
+// Closes the socket and frees the key and the record; null is ignored.
+void client_disconnect(ClientConnection* connection);
+
+// The pause between connection tries; tests replace it. Null restores the real sleep.
+using SessionSleepFn = void (*)(uint32_t milliseconds);
+void session_set_sleep(SessionSleepFn sleep);
