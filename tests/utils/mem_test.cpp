@@ -308,7 +308,12 @@ TEST_F(MemTest, ReservationIsChargedUpFrontAndDrawnOnLater) {
   EXPECT_EQ(ctx->curMem, 20000u);  // already charged
   // 16200 bytes need a new area (16319 bytes): more than is left of the reservation. Only-reserved
   // fails; reserved-first takes the rest within the limit.
+  testing::internal::CaptureStderr();
   EXPECT_EQ(mem_malloc(ctx, 16200, KEST_MEM_USE_RESERVED_ONLY | KEST_MEM_ALLOWFAILURE), nullptr);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                "Not enough memory reserved in child context for USE_RESERVED_ONLY allocation. "
+                "mem_req = 16319 mem_reserved = 3729 vm_req = 16366 vm_reserved = 3682"),
+            std::string::npos);
   EXPECT_EQ(ctx->curMem, 20000u);
   EXPECT_NE(mem_malloc(ctx, 16200, KEST_MEM_USE_RESERVED), nullptr);
   EXPECT_EQ(ctx->mem_rsrvd, 0u);
@@ -512,7 +517,9 @@ TEST_F(MemTest, RandomizedAgainstAModel) {
   auto fill = [](unsigned char* p, size_t n, unsigned char v) { std::memset(p, v, n); };
   auto check_all = [&] {
     unsigned char* end_prev = nullptr;
-    for (const auto& [p, b] : live) {
+    for (const auto& entry : live) {
+      unsigned char* p = entry.first;
+      const Live& b = entry.second;
       ASSERT_GE(p, end_prev) << "overlap";
       ASSERT_EQ(Addr(p) % KEST_ALIGN, 0u);
       ASSERT_TRUE(std::all_of(p, p + b.size, [&](unsigned char c) { return c == b.fill; }));
