@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "utils/hash_table.h"
 #include "utils/platform.h"
@@ -112,7 +113,7 @@ class Prefix {
     if (colour != kColourDefault)
       add("\x1b[%d;3%dm", static_cast<int>(colour / 8), static_cast<int>(colour % 8));
   }
-  const char* c_str() const { return text_; }
+  std::string_view view() const { return {text_, length_}; }
 
  private:
   char text_[kPrefixMax + 1] = {};
@@ -174,11 +175,16 @@ void write_line(Logger& l, const OutputStyle& style, const FacilityRule& rule, c
   Prefix p;
   build_prefix(p, l, style, rule, m);
   const bool newline = m.length > 0 && m.text[m.length - 1] != '\n';
+  // Written as "%s%s%s" would write it, but with fwrite: some C runtimes push every formatted
+  // write through to the file, which would defeat the stream's buffering.
+  const auto put = [&](std::string_view piece) {
+    std::fwrite(piece.data(), 1, piece.size(), style.stream);
+  };
   LockGuard guard(l.output_lock);
-  std::fputs(p.c_str(), style.stream);
-  std::fputs(m.text, style.stream);
-  if (style.color) std::fputs("\x1b[m", style.stream);
-  if (newline) std::fputc('\n', style.stream);
+  put(p.view());
+  put(m.text);
+  if (style.color) put("\x1b[m");
+  if (newline) put("\n");
   if (style.flush) std::fflush(style.stream);
 }
 

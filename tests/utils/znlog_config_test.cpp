@@ -69,7 +69,8 @@ TEST(LogConfigRules, NamesAreClippedTo15Characters) {
 
 TEST(LogConfigRules, At128RulesTheNextFacilityIsAnError) {
   std::string text;
-  for (int i = 1; i < kMaxFacilityRules; ++i) text += "F" + std::to_string(i) + " = debug\n";
+  for (int i = 1; i < kMaxFacilityRules; ++i)
+    text.append("F").append(std::to_string(i)).append(" = debug\n");
   LogConfig c = parse_log_config(text);
   EXPECT_EQ(c.error_line, 0);
   EXPECT_EQ(c.rule_count, kMaxFacilityRules);

@@ -33,6 +33,13 @@ std::string read_file(const fs::path& p) {
   return text;
 }
 
+// The log file is opened in text mode, so on Windows its lines end in CR LF.
+std::string read_log_file(const fs::path& p) {
+  std::string text = read_file(p);
+  for (size_t i; (i = text.find("\r\n")) != std::string::npos;) text.erase(i, 1);
+  return text;
+}
+
 // A stream backed by a named temporary file, read back byte for byte.
 class CapturedStream {
  public:
@@ -165,7 +172,7 @@ TEST_F(Logger, BuiltinFileStyleAndDefaultFileNameInTheLogDirectory) {
   __zn_log("f.cpp", 1, "FAC", ZN_INFO, "to the file");
   __zn_log("f.cpp", 1, "OTHER", ZN_INFO, "to stderr");
   zn_log_reset_for_tests("", nullptr, nullptr);  // closes the log file
-  const std::string text = read_file(dir / "quillmarke.log");
+  const std::string text = read_log_file(dir / "quillmarke.log");
   fs::remove_all(dir);
   char pid[16];
   std::snprintf(pid, sizeof pid, "PID%6d:", current_process_id());
@@ -187,7 +194,7 @@ TEST_F(Logger, NamedFileIsAppendedToAndFlushIsHonoured) {
   configure(config.c_str());
   __zn_log("f.cpp", 1, "FAC", ZN_WARN, "now");
   // Visible to another reader before any close: the line was flushed.
-  EXPECT_EQ(read_file(path), "earlier\n WARN:FAC:now\n");
+  EXPECT_EQ(read_log_file(path), "earlier\n WARN:FAC:now\n");
   zn_log_reset_for_tests("", nullptr, nullptr);
   fs::remove(path);
 }
@@ -196,6 +203,13 @@ TEST_F(Logger, FlushSwitchDecidesWhetherLinesReachTheStreamAtOnce) {
   configure("stdout = flush\nFAC = stdout");
   __zn_log("f.cpp", 1, "FAC", ZN_INFO, "flushed");
   EXPECT_EQ(out_.unflushed_text(), "FAC:flushed\n");
+  {
+    CapturedStream probe("probe");
+    std::fputs("probe\n", probe.get());
+    if (probe.unflushed_text() == "probe\n") {
+      GTEST_SKIP() << "this C runtime writes lines of file streams through at once";
+    }
+  }
   CapturedStream buffered("buffered");
   zn_log_reset_for_tests("stdout = comment\nFAC = stdout", buffered.get(), err_.get());
   __zn_log("f.cpp", 1, "FAC", ZN_INFO, "held");
@@ -205,7 +219,7 @@ TEST_F(Logger, FlushSwitchDecidesWhetherLinesReachTheStreamAtOnce) {
 
 TEST_F(Logger, UnopenableLogFileSilentlyDisablesThatOutput) {
   const std::string config =
-      "filename = " + (temp_path("no_such_dir") / "x.log").string() + "\nFAC = file:stderr";
+      "filename = \"" + (temp_path("no_such_dir") / "x.log").string() + "\"\nFAC = file:stderr";
   configure(config.c_str());
   __zn_log("f.cpp", 1, "FAC", ZN_INFO, "still here");
   EXPECT_EQ(err_.text(), "#FAC:still here\n");
