@@ -11,6 +11,7 @@
 #include "tools/standalone_client/scanner.h"
 #include "utils/mem.h"
 #include "utils/str_funcs.h"
+#include "utils/znlog.h"
 
 namespace {
 
@@ -165,6 +166,26 @@ TEST(QuerySplitter, UnclassifiableFirstCharacterEndsTheInput) {
   EXPECT_EQ(split_string("\x01 q;"), Queries{});
   EXPECT_EQ(split_string("'' \x02 q;"), Queries{"'' \x02 q;"});  // the empty string left "" behind
   testing::internal::GetCapturedStdout();
+}
+
+// What the logger writes while `text` is split under the logger configuration `config`.
+std::string log_of_splitting(const char* config, const char* text) {
+  TempFile out("");
+  zn_log_reset_for_tests(config, out.f, nullptr);
+  split_string(text);
+  zn_log_reset_for_tests(nullptr, nullptr, nullptr);
+  std::string written(static_cast<size_t>(std::ftell(out.f)), '\0');
+  std::rewind(out.f);
+  written.resize(std::fread(written.data(), 1, written.size(), out.f));
+  return written;
+}
+
+TEST(QuerySplitter, LogsEachQueryAtDebugLevelUnderTheDefaultFacility) {
+  const std::string debug = log_of_splitting("default = debug:stdout", " a b;\nc");
+  EXPECT_NE(debug.find("next query [a b]"), std::string::npos) << debug;
+  EXPECT_NE(debug.find("next query [c]"), std::string::npos) << debug;
+  EXPECT_EQ(log_of_splitting("default = info:stdout", "a;"), "");
+  EXPECT_EQ(log_of_splitting("default = info:stdout,KESTCLIENT = debug:stdout", "a;"), "");
 }
 
 TEST(QuerySplitterDeathTest, AssertionsCarryTheirTexts) {
