@@ -310,7 +310,7 @@ bool intervalds_from_string(const char* text, int f, int64_t* value) {
   bool negative = r.lit('-');
   int64_t days = 0, clock;
   const char* start = r.p;
-  if (!r.digits(1, 9, &days) || (*r.p != ' ' && *r.p != '\t')) {
+  if (!r.digits(1, 18, &days) || (*r.p != ' ' && *r.p != '\t')) {
     r.p = start;
     days = 0;
   }

@@ -48,7 +48,7 @@ int intervalym_to_string(char* buffer, size_t size, int32_t months);
 //   date        Y-M-D, year 1..9999 in 1 to 4 digits, month and day in 1 or 2 digits, a real date
 //   time        H:MM:SS[.fraction], hours 0..23, minutes and seconds 0..59
 //   timestamp   date, or date then ' ' or 'T' then time
-//   intervalds  [-][D ]H:MM:SS[.fraction], days in 1 to 9 digits, hours 0..23, the total in the
+//   intervalds  [-][D ]H:MM:SS[.fraction], days in 1 to 18 digits, hours 0..23, the total in the
 //               signed 64-bit range
 //   intervalym  [-]Y-M, years in 1 to 8 digits, months 0..11
 bool date_from_string(const char* text, int32_t* day);

@@ -97,8 +97,13 @@ int ptype_width(const PhysicalType* descriptor);  // bytes per value (0 for an u
 // float type and "str" a string type (else assertion).
 int value_to_string(char* buffer, size_t size, const PhysicalType* physical, uint32_t type,
                     const void* value);
-// The reverse conversion, storing into `result` with the storage width of `type`; 0 or the error
-// code raised on `context`.
+// The reverse conversion, storing into `result` with the storage width of `type` (integers by
+// their own width, "s128" in 16 bytes, "money" as a double of cents, "flt" a float, "dbl" a
+// double); 0 or the error code raised on `context` (KEST_ERR_NOT_BOOL, KEST_ERR_NOT_NUMBER,
+// KEST_ERR_NOT_MONEY, KEST_ERR_CONVERSION). Types with no reader ("char", "varchar") and
+// decimals of precision 19 or more (16 bytes of storage) answer KEST_ERR_CONVERSION.
+// REQUIRES: result has room for 16 bytes.
 int value_from_string(QueryContext* context, void* result, uint32_t type, const char* text);
-// Parses and prints again, in storage of the context; null when parsing failed.
+// Parses and prints again, in storage of context->mem (it lives as long as that); null when
+// parsing failed (the error is on the context).
 char* value_normalise(QueryContext* context, uint32_t type, const char* text);
