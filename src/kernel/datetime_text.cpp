@@ -128,8 +128,10 @@ void day_to_ymd(int64_t day, int* year, int* month, int* mday) {
     *year = *month = *mday = -1;
     return;
   }
-  // The estimate's leap-day count truncates toward zero at y = 0, which shifts the first year.
-  int64_t y = day / 365;
+  // The estimate's leap-day count truncates toward zero at y = 0, which shifts year 0 and gives
+  // day 0 to year -1. From day 366 on any estimate not below the true year ends on the same date;
+  // day * 400 / 146097 + 1 is one, and needs at most one step back.
+  int64_t y = day < 366 ? day / 365 : day * 400 / 146097 + 1;
   int64_t t = day - 1 - 365 * y - ((y - 1) / 4 - (y - 1) / 100 + (y - 1) / 400);
   while (t < 0) {
     --y;
