@@ -341,9 +341,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(NetBufferReset, ResetIsStickyAndRefusesFurtherSends) {
   ScriptedPeer peer;
-  peer.reset();
+  peer.read_frame().reset();  // answers a request with a reset
   peer.start();
   Connected c(peer);
+  NetBufferPutInt(&c.nb, 1);
+  ASSERT_EQ(NetBufferSend(&c.nb), 0);
   testing::internal::CaptureStderr();
   EXPECT_EQ(NetBufferRecv(&c.nb), 0);
   EXPECT_EQ(c.nb.state, NETBUF_RESET);
