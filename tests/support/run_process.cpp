@@ -100,7 +100,10 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
     return r;
   }
   std::string cmdline;
-  for (const std::string& a : argv) cmdline += (cmdline.empty() ? "" : " ") + quote_arg(a);
+  for (const std::string& a : argv) {
+    if (!cmdline.empty()) cmdline += ' ';
+    cmdline += quote_arg(a);
+  }
   std::string env_block;
   for (const std::string& e : apply_overrides(current_environment(), options, true))
     env_block += e + '\0';
