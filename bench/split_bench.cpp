@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 
+#include "kernel/ltype.h"
 #include "tools/standalone_client/split_query.h"
 
 namespace {
@@ -34,6 +35,7 @@ size_t drain(QuerySplitter* qs) {
 }
 
 void BM_SplitString(benchmark::State& state) {
+  types_init();  // words are checked against the registered type names, as in the client
   const std::string script = make_script(static_cast<size_t>(state.range(0)));
   size_t queries = 0;
   for (auto _ : state) queries = drain(query_splitter_create_string(script.c_str()));
@@ -42,6 +44,7 @@ void BM_SplitString(benchmark::State& state) {
 }
 
 void BM_SplitFile(benchmark::State& state) {
+  types_init();
   const std::string script = make_script(static_cast<size_t>(state.range(0)));
   FILE* file = std::tmpfile();
   if (!file) {
