@@ -25,7 +25,10 @@ EnvEntries apply_overrides(EnvEntries entries, const ProcessOptions& options, bo
   for (const auto& change : options.env) {
     const std::string& name = change.first;
     std::erase_if(entries, [&](const std::string& e) { return same_name(e, name, fold_case); });
-    if (change.second) entries.push_back(name + "=" + *change.second);
+    if (!change.second) continue;
+    std::string entry = name;
+    entry.append("=").append(*change.second);
+    entries.push_back(std::move(entry));
   }
   return entries;
 }
@@ -57,7 +60,8 @@ std::string quote_arg(const std::string& arg) {
     q += c;
   }
   q.append(backslashes * 2, '\\');
-  return q + "\"";
+  q.push_back('"');
+  return q;
 }
 
 EnvEntries current_environment() {
@@ -101,13 +105,15 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
   }
   std::string cmdline;
   for (const std::string& a : argv) {
-    if (!cmdline.empty()) cmdline += ' ';
-    cmdline += quote_arg(a);
+    if (!cmdline.empty()) cmdline.push_back(' ');
+    cmdline.append(quote_arg(a));
   }
   std::string env_block;
-  for (const std::string& e : apply_overrides(current_environment(), options, true))
-    env_block += e + '\0';
-  env_block += '\0';
+  for (const std::string& e : apply_overrides(current_environment(), options, true)) {
+    env_block.append(e);
+    env_block.push_back('\0');
+  }
+  env_block.push_back('\0');
 
   Pipe in, out, err;
   if (!make_pipe(&in, true) || !make_pipe(&out, false) || !make_pipe(&err, false)) {
@@ -128,7 +134,8 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
   close_handle(&out.write);
   close_handle(&err.write);
   if (!started) {
-    r.error = "cannot start " + argv[0] + " (error " + std::to_string(GetLastError()) + ")";
+    r.error = "cannot start ";
+    r.error.append(argv[0]).append(" (error ").append(std::to_string(GetLastError())).append(")");
     close_handle(&in.write);
     close_handle(&out.read);
     close_handle(&err.read);

@@ -3,8 +3,12 @@
 #include <cstring>
 #include <memory>
 
+#include "kernel/ltype.h"
 #include "tools/standalone_client/client_globals.h"
 #include "tools/standalone_client/options.h"
+#include "tools/standalone_client/session.h"
+#include "tools/standalone_client/split_query.h"
+#include "utils/netbuffer.h"
 #include "utils/platform.h"
 #include "utils/version.h"
 #include "utils/znconfig.h"
@@ -81,10 +85,48 @@ bool act(int letter, const char* value, int argc, char** argv, ClientRun* run,
   }
 }
 
-// Steps that need the query source and the server session.
-int run_queries(ClientRun* /*run*/) {
-  ZN_LOG(kFacility, ZN_ERROR, "cannot run queries: this build has no query splitter or session");
-  return -1;
+// The splitter over the -e text, else the -f file, else standard input; null when it cannot be
+// created.
+QuerySplitter* open_splitter(const ClientRun& run) {
+  if (run.query) return query_splitter_create_string(run.query);
+  return query_splitter_create_file(run.file ? run.file : stdin);
+}
+
+struct SplitterOwner {
+  QuerySplitter* qs;
+  ~SplitterOwner() { query_splitter_free(qs); }
+};
+
+// Runs the queries in turn; the status of the last one run (0 when there was none). Stops at
+// the first failure unless errors are ignored.
+int run_all(ClientConnection* connection, QuerySplitter* qs, bool ignore_errors) {
+  int status = 0;
+  while (const char* query = query_splitter_next(qs)) {
+    status = run_query(connection, query);
+    if (status != 0 && !ignore_errors) break;
+  }
+  return status;
+}
+
+// From the conversion tables to the last query. The splitter is freed before returning.
+int run_queries(ClientRun* run) {
+  types_init();
+  if (network_init() != 0) {
+    ZN_LOG(kFacility, ZN_ERROR, "cannot start the network layer");
+    return -1;
+  }
+  output_mode_code =
+      client_output_mode_code(znconfig_get_str(run->config, kClient, ZNCONFIG_CLIENT_OUTPUT_MODE));
+  SplitterOwner splitter{open_splitter(*run)};
+  if (!splitter.qs) return -1;
+  const int64_t tries = znconfig_get_lng(run->config, kClient, ZNCONFIG_CLIENT_CONNECTION_RETRIES);
+  const int64_t port = znconfig_get_lng(run->config, kClient, ZNCONFIG_CLIENT_PORT);
+  const char* host = znconfig_get_str(run->config, kClient, ZNCONFIG_CLIENT_HOST);
+  ClientConnection* connection = client_connect(host, port, tries);
+  if (!connection) return -1;
+  const int status = run_all(connection, splitter.qs, run->ignore_errors);
+  client_disconnect(connection);
+  return status;
 }
 
 struct StoreOwner {
