@@ -9,10 +9,13 @@
 #include <vector>
 
 #include "support/run_process.h"
+#include "support/scripted_peer.h"
+#include "utils/netbuffer.h"
 
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 
 namespace fs = std::filesystem;
 
@@ -56,10 +59,10 @@ class Cli : public testing::Test {
   }
   void TearDown() override { fs::remove_all(home_); }
 
-  ProcessResult run(std::vector<std::string> args) {
+  ProcessResult run(std::vector<std::string> args, std::string input = "") {
     args.insert(args.begin(), KEST_CLIENT_BIN);
     ProcessOptions options;
-    options.stdin_text = "";
+    options.stdin_text = std::move(input);
     options.env = {{"HOME", home_.string()}};
     options.time_limit = std::chrono::seconds(30);
     ProcessResult r = run_process(args, options);
@@ -152,6 +155,119 @@ TEST_F(Cli, UnreadableQueryFileEndsTheRun) {
     EXPECT_EQ(r.err, "\nError: cannot read file '" + missing + "'\n");
     EXPECT_EQ(r.status, -1);
   }
+}
+
+// Whole runs against a scripted server on the loopback address.
+using kest_test::be32;
+using kest_test::frame;
+using kest_test::ScriptedPeer;
+using kest_test::var;
+
+std::string query_frame(const std::string& query) { return frame(be32(1) + var(query) + var("")); }
+
+// A successful answer with no columns: the acknowledgement and the end of the results.
+std::string empty_result() {
+  return frame(be32(0) + be32(0) + be32(1024)) + frame(be32(0) + be32(0));
+}
+
+std::string parse_error_ack() {
+  return frame(be32(0xFFFFFFFFu) + be32(10) + be32(4) + var("q") + var("1") + var("2") +
+               var("bad"));
+}
+constexpr const char* kParseErrorLine = "Error: Parse error in q at line 1, column 2: bad.\n";
+
+class CliRun : public Cli {
+ protected:
+  void SetUp() override {
+    Cli::SetUp();
+    ASSERT_EQ(network_init(), 0);
+  }
+  ProcessResult run_against(ScriptedPeer& peer, std::vector<std::string> args,
+                            std::string input = "") {
+    peer.start();
+    std::vector<std::string> all = {"-h", "127.0.0.1", "-P", std::to_string(peer.port()),
+                                    "-t", "1"};
+    all.insert(all.end(), args.begin(), args.end());
+    ProcessResult r = run(all, std::move(input));
+    EXPECT_TRUE(peer.join());
+    return r;
+  }
+};
+
+TEST_F(CliRun, NoQueryStillConnectsAndSucceeds) {
+  ScriptedPeer peer;
+  peer.read_to_end();
+  ProcessResult r = run_against(peer, {});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(peer.received(), "");
+  EXPECT_THAT(r.err, HasSubstr("KESTCLIENT:Starting\n"));
+  EXPECT_THAT(r.err, HasSubstr("KESTCLIENT:Creating connection to server\n"));
+  EXPECT_THAT(r.err, Not(HasSubstr("Pinging server")));
+}
+
+TEST_F(CliRun, StopsAtTheFirstFailedQuery) {
+  ScriptedPeer peer;
+  peer.read_frame().send(parse_error_ack()).read_to_end();
+  ProcessResult r = run_against(peer, {"-e", "first;second"});
+  EXPECT_EQ(r.status, -1);
+  EXPECT_EQ(r.out, kParseErrorLine);
+  EXPECT_EQ(peer.frames(), std::vector<std::string>{query_frame("first")});
+}
+
+TEST_F(CliRun, IgnoreErrorsRunsEveryQueryAndKeepsTheLastStatus) {
+  ScriptedPeer peer;
+  peer.read_frame().send(parse_error_ack()).read_frame().send(empty_result()).read_to_end();
+  ProcessResult r = run_against(peer, {"-i", "-e", "first;second"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_THAT(r.out, HasSubstr(kParseErrorLine));
+  EXPECT_EQ(peer.frames(), (std::vector<std::string>{query_frame("first"), query_frame("second")}));
+
+  ScriptedPeer last_fails;
+  last_fails.read_frame().send(empty_result()).read_frame().send(parse_error_ack()).read_to_end();
+  EXPECT_EQ(run_against(last_fails, {"-i", "-e", "first;second"}).status, -1);
+}
+
+TEST_F(CliRun, PingSendsTheFixedQueryInsteadOfTheGivenOneAndPrintsNothing) {
+  const std::string file = write("queries.txt", "a;b;");
+  ScriptedPeer peer;
+  peer.read_frame().send(empty_result()).read_to_end();
+  ProcessResult r = run_against(peer, {"-e", "other", "-f", file, "-pu"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "");
+  EXPECT_THAT(r.err, HasSubstr("KESTCLIENT:Pinging server\n"));
+  EXPECT_EQ(peer.frames(), std::vector<std::string>{query_frame("Array([i=0])")});
+}
+
+TEST_F(CliRun, QueriesComeFromTheTextThenTheFileThenStandardInput) {
+  const std::string file = write("queries.txt", "from_file_1; from_file_2;");
+  struct Case {
+    std::vector<std::string> args;
+    std::string input;
+    std::vector<std::string> queries;
+  } cases[] = {
+      {{"-f", file, "-e", "from_text"}, "from_stdin;", {"from_text"}},
+      {{"-f", file}, "from_stdin;", {"from_file_1", "from_file_2"}},
+      {{}, "from_stdin_1;\nfrom_stdin_2", {"from_stdin_1", "from_stdin_2"}},
+  };
+  for (const Case& c : cases) {
+    ScriptedPeer peer;
+    std::vector<std::string> expected;
+    for (const std::string& q : c.queries) {
+      peer.read_frame().send(empty_result());
+      expected.push_back(query_frame(q));
+    }
+    peer.read_to_end();
+    ProcessResult r = run_against(peer, c.args, c.input);
+    EXPECT_EQ(r.status, 0) << c.queries[0] << r.err;
+    EXPECT_EQ(peer.frames(), expected) << c.queries[0];
+  }
+}
+
+TEST_F(CliRun, FailedConnectionRunsNoQuery) {
+  // Port 1 on the loopback address: nothing listens there.
+  ProcessResult r = run({"-h", "127.0.0.1", "-P", "1", "-t", "1", "-e", "q"});
+  EXPECT_EQ(r.status, -1);
+  EXPECT_EQ(r.out, "");
 }
 
 }  // namespace
