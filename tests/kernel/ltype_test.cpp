@@ -434,8 +434,9 @@ TEST(ValueToString, TooSmallBufferAnswersMinusOne) {
   type = word(LTYPE_DECIMAL, 20, 2);
   EXPECT_EQ(value_to_string(buffer, sizeof buffer, ltype_physical(type), type, &wide), -1);
   EXPECT_EQ(std::strlen(buffer), 7u);
-  EXPECT_EQ(value_to_string(buffer, 11, ltype_physical(type), type, &wide), 10);
-  EXPECT_STREQ(buffer, "1234567.89");
+  char exact[11];
+  EXPECT_EQ(value_to_string(exact, sizeof exact, ltype_physical(type), type, &wide), 10);
+  EXPECT_STREQ(exact, "1234567.89");
   int32_t day = 719528;
   EXPECT_EQ(value_to_string(buffer, sizeof buffer, ltype_physical(LTYPE_DATE), LTYPE_DATE, &day),
             -1);
