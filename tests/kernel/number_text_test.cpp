@@ -147,7 +147,8 @@ TEST(Decimal128, MatchesNativeDivisionOverRandomSample) {
       frac.insert(frac.begin(), static_cast<char>('0' + static_cast<int>(fp % 10)));
       fp /= 10;
     }
-    std::string expected = (negative ? "-" : "") + int_part + "." + frac;
+    std::string expected = negative ? "-" : "";
+    expected.append(int_part).append(".").append(frac);
     __int128 signed_value = negative ? -x : x;
     s128 v{static_cast<uint64_t>(signed_value),
            static_cast<int64_t>(static_cast<unsigned __int128>(signed_value) >> 64)};

@@ -30,7 +30,8 @@ TEST(S128Power, TableEntriesAreTwoToBTimesTenToK) {
   // 2^b * 10^k read back through the text reader of the power's decimal digits.
   for (int idx = 0; idx < S128_POWER_COUNT; ++idx) {
     int k = idx / 4, b = idx % 4;
-    std::string digits = std::to_string(1 << b) + std::string(static_cast<size_t>(k), '0');
+    std::string digits = std::to_string(1 << b);
+    digits.append(static_cast<size_t>(k), '0');
     const s128& p = s128_power(idx);
     EXPECT_EQ(text_of(p), digits) << idx;
   }
@@ -38,7 +39,8 @@ TEST(S128Power, TableEntriesAreTwoToBTimesTenToK) {
 
 TEST(S128Text, EdgeCases) {
   int overflow;
-  std::string min_text = std::string("-") + kMinMagnitude;
+  std::string min_text = "-";
+  min_text.append(kMinMagnitude);
   s128 v = read(min_text.c_str(), &overflow);
   EXPECT_EQ(overflow, 0);
   EXPECT_EQ(v.hi, INT64_MIN);
@@ -52,7 +54,9 @@ TEST(S128Text, EdgeCases) {
   EXPECT_TRUE(s128_equal(v, s128{0, 0}));
 
   // Equal digits followed by any other character compare above the terminator.
-  v = read((min_text + "x").c_str(), &overflow);
+  std::string followed = min_text;
+  followed.push_back('x');
+  v = read(followed.c_str(), &overflow);
   EXPECT_EQ(overflow, 1);
   v = read("170141183460469231731687303715884105727", &overflow);
   EXPECT_EQ(overflow, 0);
@@ -69,7 +73,8 @@ TEST(S128Text, EdgeCases) {
   EXPECT_TRUE(s128_equal(v, s128{0, 0}));
 
   // Leading zeros do not count toward the 39 digits.
-  std::string padded = std::string(10, '0') + "123456789012345678901234567890123456789";
+  std::string padded(10, '0');
+  padded.append("123456789012345678901234567890123456789");
   v = read(padded.c_str(), &overflow);
   EXPECT_EQ(overflow, 0);
   EXPECT_EQ(text_of(v), "123456789012345678901234567890123456789");
@@ -146,7 +151,8 @@ std::string native_text(__int128 x) {
     s.insert(s.begin(), static_cast<char>('0' + static_cast<int>(a % 10)));
     a /= 10;
   } while (a);
-  return negative ? "-" + s : s;
+  if (negative) s.insert(s.begin(), '-');
+  return s;
 }
 
 TEST(S128Random, RoundTripsAgainstNativeIntegers) {
