@@ -27,6 +27,21 @@ class OutBuffer {
   }
   void commit(size_t n) { used_ += n; }
 
+  // Cursor access for hot loops, which keep the write position in a local pointer:
+  //   char* w = out.cursor();  ...  w = out.make_room(w, n);  write at most n bytes at w ...
+  //   out.advance_to(w);
+  // No other call may come between cursor() and advance_to().
+  char* cursor() { return data_.get() + used_; }
+  void advance_to(char* position) { used_ = static_cast<size_t>(position - data_.get()); }
+  // Returns `position` when n bytes fit after it, else writes out everything before it and
+  // returns the start of the emptied buffer. REQUIRES: n <= kCapacity.
+  char* make_room(char* position, size_t n) {
+    if (static_cast<size_t>(data_.get() + kCapacity - position) >= n) return position;
+    advance_to(position);
+    drain();
+    return data_.get();
+  }
+
   void append(std::string_view text) {
     if (text.size() > kCapacity - used_) {
       if (text.size() > kCapacity) return append_long(text);

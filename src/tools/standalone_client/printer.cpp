@@ -40,8 +40,11 @@ constexpr size_t kValueTextSize = 1024;
 constexpr int kTypeTextSize = 64;
 constexpr int kDefaultWidth = 24;
 constexpr int kMaxWidth = 128;
-// Room for one padded cell: its text plus at most a full width of blanks.
-constexpr size_t kCellRoom = kValueTextSize + kMaxWidth;
+// Texts up to this length are aligned by fixed-size moves.
+constexpr size_t kShortText = 32;
+// Room for one cell in any mode: its text, a full width of blanks (written whole by the aligners),
+// a short text moved past them, the 8-byte separator block, and html's tags.
+constexpr size_t kCellRoom = kValueTextSize + kMaxWidth + kShortText + 64;
 
 struct Column {
   const PhysicalType* type;
@@ -51,7 +54,8 @@ struct Column {
   int32_t size;       // bytes per stored value
   int32_t hidden;     // the null indicator of the next column, never printed
   int32_t indicator;  // index of this column's null indicator, or -1
-  bool left;          // char and varchar: left-aligned, padded by characters
+  int32_t indicator_const;
+  bool left;  // char and varchar: left-aligned, padded by characters
 };
 
 int display_width(const char* name, uint32_t ltype) {
@@ -124,6 +128,7 @@ void setup_columns(ResultPrinter& p, int32_t ncols, char* const* names,
     const bool previous_hidden = i > 0 && p.columns[i - 1].hidden;
     c.hidden = names[i][0] == '\0' && c.size == 1 && i != ncols - 1 && !previous_hidden;
     c.indicator = previous_hidden ? i - 1 : -1;
+    c.indicator_const = previous_hidden ? p.columns[i - 1].isconst : 0;
     c.left = is_text_type(c.ltype);
     if (!c.hidden) p.visible.push_back(i);
   }
@@ -131,12 +136,10 @@ void setup_columns(ResultPrinter& p, int32_t ncols, char* const* names,
 
 // Writes the text of a cell at `dst`, which has room for kValueTextSize bytes, and returns its
 // length. A text too long for the buffer is cut to what the conversion left in it.
-size_t cell_text(const ResultPrinter& p, const Column& c, void* const* data, int64_t row,
-                 int32_t column, char* dst) {
+size_t cell_text(const Column& c, void* const* data, int64_t row, int32_t column, char* dst) {
   if (c.indicator >= 0) {
-    const Column& ind = p.columns[c.indicator];
     const auto* flags = static_cast<const unsigned char*>(data[c.indicator]);
-    if (flags[ind.isconst ? 0 : row] != 0) return 0;
+    if (flags[c.indicator_const ? 0 : row] != 0) return 0;
   }
   const char* value = static_cast<const char*>(data[column]) + (c.isconst ? 0 : row * c.size);
   const int n = value_to_string(dst, kValueTextSize, c.type, c.ltype, value);
@@ -205,62 +208,107 @@ void print_head(ResultPrinter& p, char* const* names) {
   print_rule_line(p, 1);
 }
 
+// The cell separator, padded so that it is always copied as one fixed 8-byte block.
+struct Separator {
+  char bytes[8] = {};
+  size_t size = 0;
+};
+
+Separator separator_of(const LineGlyphs& glyphs) {
+  Separator sep;
+  std::memcpy(sep.bytes, glyphs[0].data(), glyphs[0].size());
+  sep.size = glyphs[0].size();
+  return sep;
+}
+
+char* put(char* w, const Separator& sep) {
+  std::memcpy(w, sep.bytes, sizeof sep.bytes);
+  return w + sep.size;
+}
+
+template <size_t N>
+char* put(char* w, const char (&text)[N]) {
+  std::memcpy(w, text, N - 1);
+  return w + N - 1;
+}
+
+// Right-aligns the `len` bytes at `cell` in `width` bytes; returns the end of the cell. Short
+// texts move as one fixed block over a fixed run of blanks, which needs no call into the C library.
+char* align_right(char* cell, size_t len, size_t width) {
+  if (len >= width) return cell + len;
+  const size_t pad = width - len;
+  if (len <= kShortText) {
+    char text[kShortText];
+    std::memcpy(text, cell, kShortText);
+    std::memset(cell, ' ', kMaxWidth);
+    std::memcpy(cell + pad, text, kShortText);
+  } else {
+    std::memmove(cell + pad, cell, len);
+    std::memset(cell, ' ', pad);
+  }
+  return cell + width;
+}
+
+// Left-aligns: blanks up to the width counted in characters.
+char* align_left(char* cell, size_t len, size_t width) {
+  const size_t chars = utf8_chars(cell, len);
+  std::memset(cell + len, ' ', kMaxWidth);
+  return cell + len + (chars < width ? width - chars : 0);
+}
+
 void print_table_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {
-  const std::string_view bar = (*p.glyphs)[0];
+  const Separator sep = separator_of(*p.glyphs);
+  char* w = p.out.cursor();
   for (int64_t r = 0; r < rows; ++r) {
     const int64_t row = selection ? selection[r] : r;
-    p.out.append(bar);
+    w = put(p.out.make_room(w, sizeof sep.bytes), sep);
     for (int32_t i : p.visible) {
       const Column& c = p.columns[i];
-      char* dst = p.out.reserve(kCellRoom);
-      const size_t len = cell_text(p, c, data, row, i, dst);
+      char* cell = p.out.make_room(w, kCellRoom);
+      const size_t len = cell_text(c, data, row, i, cell);
       const size_t width = static_cast<size_t>(c.width);
-      size_t pad = 0;
-      if (c.left) {
-        const size_t chars = utf8_chars(dst, len);
-        pad = chars < width ? width - chars : 0;
-        std::memset(dst + len, ' ', pad);
-      } else if (len < width) {
-        pad = width - len;
-        std::memmove(dst + pad, dst, len);
-        std::memset(dst, ' ', pad);
-      }
-      p.out.commit(len + pad);
-      p.out.append(bar);
+      w = put(c.left ? align_left(cell, len, width) : align_right(cell, len, width), sep);
     }
-    p.out.append("\n");
+    w = p.out.make_room(w, 1);
+    *w++ = '\n';
   }
+  p.out.advance_to(w);
 }
 
 void print_raw_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {
-  const std::string_view bar = (*p.glyphs)[0];
+  const Separator sep = separator_of(*p.glyphs);
   const size_t last = p.visible.size();
+  char* w = p.out.cursor();
   for (int64_t r = 0; r < rows; ++r) {
     const int64_t row = selection ? selection[r] : r;
     for (size_t k = 0; k < last; ++k) {
       const int32_t i = p.visible[k];
-      char* dst = p.out.reserve(kValueTextSize);
-      p.out.commit(cell_text(p, p.columns[i], data, row, i, dst));
-      if (k + 1 < last) p.out.append(bar);
+      w = p.out.make_room(w, kCellRoom);
+      w += cell_text(p.columns[i], data, row, i, w);
+      if (k + 1 < last) w = put(w, sep);
     }
-    p.out.append("\n");
+    w = p.out.make_room(w, 1);
+    *w++ = '\n';
   }
+  p.out.advance_to(w);
 }
 
 void print_html_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {
   if (p.columns.empty()) return;
+  char* w = p.out.cursor();
   for (int64_t r = 0; r < rows; ++r) {
     const int64_t row = selection ? selection[r] : r;
-    p.out.append("<tr>");
+    w = put(p.out.make_room(w, kCellRoom), "<tr>");
     for (int32_t i : p.visible) {
       const Column& c = p.columns[i];
-      p.out.append(c.left ? std::string_view("<td>") : std::string_view("<td align=\"right\">"));
-      char* dst = p.out.reserve(kValueTextSize);
-      p.out.commit(cell_text(p, c, data, row, i, dst));
-      p.out.append("</td>");
+      w = p.out.make_room(w, kCellRoom);
+      w = c.left ? put(w, "<td>") : put(w, "<td align=\"right\">");
+      w += cell_text(c, data, row, i, w);
+      w = put(w, "</td>");
     }
-    p.out.append("</tr>");
+    w = put(p.out.make_room(w, kCellRoom), "</tr>");
   }
+  p.out.advance_to(w);
 }
 
 void print_footer(ResultPrinter& p) {
