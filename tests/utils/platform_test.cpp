@@ -275,15 +275,4 @@ TEST(VirtualMemory, LargeFormsWorkWithoutLargePages) {
   vm_release(q, reserved);
 }
 
-TEST(Random, ProducesNonNegativeVaryingNumbers) {
-  int first = kest_random();
-  bool varied = false;
-  for (int i = 0; i < 100; ++i) {
-    const int r = kest_random();
-    EXPECT_GE(r, 0);
-    varied |= r != first;
-  }
-  EXPECT_TRUE(varied);
-}
-
 }  // namespace
