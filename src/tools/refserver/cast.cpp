@@ -82,7 +82,8 @@ std::string utf8_of(int32_t cp) {
   if (cp < 0x80) return std::string(1, static_cast<char>(cp));
   const int extra = cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
   out.push_back(static_cast<char>((0xF00 >> extra) | (cp >> (6 * extra))));
-  for (int i = extra - 1; i >= 0; --i) out.push_back(static_cast<char>(0x80 | ((cp >> (6 * i)) & 0x3F)));
+  for (int i = extra - 1; i >= 0; --i)
+    out.push_back(static_cast<char>(0x80 | ((cp >> (6 * i)) & 0x3F)));
   return out;
 }
 
@@ -235,7 +236,9 @@ std::string value_text(const Vector& v, size_t i) {
 bool can_convert(uint32_t from, uint32_t to) {
   const Kind f = kind_of(from), t = kind_of(to);
   if (from == to || t == Kind::text || f == Kind::text || f == Kind::character) return true;
-  const auto numeric = [](Kind k) { return k == Kind::exact || k == Kind::real || k == Kind::money; };
+  const auto numeric = [](Kind k) {
+    return k == Kind::exact || k == Kind::real || k == Kind::money;
+  };
   if (numeric(f) && numeric(t)) return true;
   if (f == Kind::temporal && t == Kind::temporal) {
     const uint32_t a = ltype_id(from), b = ltype_id(to);
@@ -245,8 +248,11 @@ bool can_convert(uint32_t from, uint32_t to) {
            (a == LTYPE_TIMESTAMP && b == LTYPE_TIME);
   }
   // Raw units: an integer becomes a day number, a time, an interval or a code point and back.
-  const bool integer_f = f == Kind::exact && ltype_id(from) != LTYPE_DECIMAL;
-  const bool integer_t = t == Kind::exact && ltype_id(to) != LTYPE_DECIMAL;
+  const auto plain_integer = [](uint32_t type) {
+    return ltype_id(type) > LTYPE_BOOL && ltype_id(type) < LTYPE_DECIMAL;
+  };
+  const bool integer_f = f == Kind::exact && plain_integer(from);
+  const bool integer_t = t == Kind::exact && plain_integer(to);
   return (integer_f && (t == Kind::temporal || t == Kind::character)) ||
          (integer_t && f == Kind::temporal);
 }
@@ -325,12 +331,13 @@ void convert_value(QueryContext* ctx, const Vector& in, size_t i, uint32_t to, V
   }
   if (t == Kind::real || t == Kind::money) {
     const double d = as_double(in, k);
-    out.reals.push_back(t == Kind::money                 ? std::round(d * 100.0)
+    out.reals.push_back(t == Kind::money             ? std::round(d * 100.0)
                         : ltype_id(to) == LTYPE_FLT4 ? static_cast<float>(d)
                                                      : d);
   } else {
-    i128 v = t == Kind::temporal && f == Kind::temporal ? convert_temporal(ctx, in.ints[k], from, to)
-                                                        : exact_value(ctx, in, k, to);
+    i128 v = t == Kind::temporal && f == Kind::temporal
+                 ? convert_temporal(ctx, in.ints[k], from, to)
+                 : exact_value(ctx, in, k, to);
     if (ltype_id(to) == LTYPE_BOOL) v = v != 0;
     check_range(ctx, v, to);
     out.ints.push_back(v);

@@ -70,7 +70,7 @@ class Session {
 
   AfterSend send_error(QueryContext* ctx, MessageKind kind) {
     put_error(&buf_, ctx->errors);
-    ZN_LOG(kFacility, ZN_INFO, "query failed with error %d", ctx->errors->code);
+    ZN_LOG(kFacility, ZN_DEBUG, "query failed with error %d", ctx->errors->code);
     return send(kind);
   }
 
@@ -92,7 +92,7 @@ AfterSend Session::answer() {
     }
     const std::string query = get_str();
     const std::string key = get_str();
-    ZN_LOG(kFacility, ZN_INFO, "query [%s]", query.c_str());
+    ZN_LOG(kFacility, ZN_DEBUG, "query [%s]", query.c_str());
     if (!options_.passfile.empty() && key != options_.key) {
       query_fail(ctx.get(), KEST_ERR_AUTHENTICATION, {"the key does not match"});
     }
@@ -102,7 +102,8 @@ AfterSend Session::answer() {
       return AfterSend::close;
     }
     const auto rel = parse_query(ctx.get(), query);
-    const auto source = build_plan(ctx.get(), *rel, static_cast<size_t>(options_.vector_size), &stop_);
+    const auto source =
+        build_plan(ctx.get(), *rel, static_cast<size_t>(options_.vector_size), &stop_);
     StreamDistortion distortion;
     if (options_.fault == Fault::unknown_type) distortion.physical_name = "nosuchtype";
     put_ack(&buf_, source->schema(), options_.vector_size, distortion);
@@ -142,8 +143,7 @@ AfterSend Session::stream(QueryContext* ctx, RowSource& source) {
 
 }  // namespace
 
-void serve_connection(int32_t socket, const ServerOptions& options,
-                      const std::atomic<bool>& stop) {
+void serve_connection(int32_t socket, const ServerOptions& options, const std::atomic<bool>& stop) {
   Session session(socket, options, stop);
   session.run();
 }

@@ -4,7 +4,8 @@
 // Typing, small and exact:
 //   - integer literals are "sint", or "slng" / "s128" when the value needs it; decimal literals
 //     are decimal(digits, fraction digits); 'text' is "str"; true and false are "bool".
-//   - a type name applied to a literal reads the literal as that type: sint('5'), date('2024-02-29'),
+//   - a type name applied to a literal reads the literal as that type: sint('5'),
+//   date('2024-02-29'),
 //     decimal('12.34') (precision and scale from the text), decimal('1', 20, 2), char('x'),
 //     time('12:00:00.5', 1); applied to any other expression it converts (a cast). Optional
 //     integer parameters are the type's own: length, precision and scale, fractional digits.
@@ -45,10 +46,10 @@ struct CExpr {
   enum class Op { column, constant, cast, arith, negate, compare, logic, nullif };
   Op op = Op::constant;
   ColumnType type;
-  size_t column = 0;     // column
-  Vector value;          // constant
-  std::string symbol;    // operator or function name
-  std::string what;      // source text, for messages
+  size_t column = 0;   // column
+  Vector value;        // constant
+  std::string symbol;  // operator or function name
+  std::string what;    // source text, for messages
   std::vector<CExpr> args;
 };
 

@@ -12,10 +12,9 @@
 namespace {
 
 constexpr std::array<const char*, 27> kTypeNames = {
-    "bool",  "schr",    "uchr",    "ssht",    "usht",  "sint", "uint", "slng",      "ulng",
-    "s128",  "uidx",    "decimal", "dec",     "flt",   "dbl",  "float", "int",      "integer",
-    "money", "char",    "varchar", "str",     "date",  "time", "timestamp", "intervalds",
-    "intervalym"};
+    "bool",  "schr", "uchr",    "ssht", "usht", "sint", "uint",      "slng",       "ulng",
+    "s128",  "uidx", "decimal", "dec",  "flt",  "dbl",  "float",     "int",        "integer",
+    "money", "char", "varchar", "str",  "date", "time", "timestamp", "intervalds", "intervalym"};
 
 std::string lower(std::string s) {
   for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -94,8 +93,8 @@ int int_param(QueryContext* ctx, const Expr& call, size_t i) {
 void check_arity(QueryContext* ctx, const Expr& call, size_t lo, size_t hi) {
   const size_t n = call.args.size();
   if (n < lo || n > hi) {
-    query_fail(ctx, KEST_ERR_ARITY, {call.text, std::to_string(lo == hi || n < lo ? lo : hi),
-                                     std::to_string(n)});
+    query_fail(ctx, KEST_ERR_ARITY,
+               {call.text, std::to_string(lo == hi || n < lo ? lo : hi), std::to_string(n)});
   }
 }
 
@@ -121,7 +120,8 @@ CExpr cast(QueryContext* ctx, const Expr& call, const Schema& input) {
   }
   if (name == "decimal" && call.args.size() == 1) p1 = 10;
   const uint32_t type = ltype_from_name(name.c_str(), p1, p2);
-  if (type == 0) query_fail(ctx, 23, {call.text + "(" + std::to_string(p1) + "," + std::to_string(p2) + ")"});
+  if (type == 0)
+    query_fail(ctx, 23, {call.text + "(" + std::to_string(p1) + "," + std::to_string(p2) + ")"});
   if (is_literal(arg) && arg.kind != Expr::Kind::boolean) {
     return constant(read_literal(ctx, type, arg.text));
   }

@@ -93,7 +93,8 @@ CExpr compile_operator(QueryContext* ctx, const Expr& call, std::vector<CExpr> a
   const std::string& op = call.text;
   if (op == "+" || op == "-") {
     if (args.size() == 1) {
-      if (num_class(args[0].type.ltype) == NumClass::none) mismatch(ctx, op, "a number", args[0].type);
+      if (num_class(args[0].type.ltype) == NumClass::none)
+        mismatch(ctx, op, "a number", args[0].type);
       const uint32_t t = args[0].type.ltype;
       return node(op == "-" ? CExpr::Op::negate : CExpr::Op::arith, call, std::move(args), t);
     }
@@ -221,8 +222,9 @@ void arith_row(QueryContext* ctx, const CExpr& e, const Vector& a, const Vector&
 }
 
 std::string text_of(const Vector& v, size_t i) {
-  return value_form(v.type.ltype) == ValueForm::text ? v.texts[v.at(i)]
-                                                      : utf8_of(static_cast<int32_t>(v.ints[v.at(i)]));
+  return value_form(v.type.ltype) == ValueForm::text
+             ? v.texts[v.at(i)]
+             : utf8_of(static_cast<int32_t>(v.ints[v.at(i)]));
 }
 
 template <class T>
@@ -258,7 +260,9 @@ bool compare_holds(const std::string& op, int c) {
 
 // Three-valued logic: -1 stands for null.
 int logic_row(const CExpr& e, const std::vector<Vector>& args, size_t i) {
-  auto value = [&](size_t k) { return args[k].is_null(i) ? -1 : int(args[k].ints[args[k].at(i)] != 0); };
+  auto value = [&](size_t k) {
+    return args[k].is_null(i) ? -1 : int(args[k].ints[args[k].at(i)] != 0);
+  };
   const int x = value(0);
   if (e.symbol == "!") return x < 0 ? -1 : !x;
   const int y = value(1);
@@ -274,7 +278,8 @@ void eval_row(QueryContext* ctx, const CExpr& e, const std::vector<Vector>& args
     return;
   }
   if (e.op == CExpr::Op::nullif) {
-    const bool null = args[0].is_null(i) || (!args[1].is_null(i) && compare_row(args[0], args[1], i) == 0);
+    const bool null =
+        args[0].is_null(i) || (!args[1].is_null(i) && compare_row(args[0], args[1], i) == 0);
     null ? append_null(out.v) : append_value(out.v, args[0], i);
     return;
   }

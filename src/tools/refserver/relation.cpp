@@ -35,14 +35,16 @@ class ArraySource : public RowSource {
       check_unique(ctx, schema_, d.name, "Array");
       uint64_t size = 0;
       for (char c : d.size) {
-        if (size > (UINT64_MAX - 9) / 10) query_fail(ctx, KEST_ERR_ARRAY_DIMENSION, {d.name, d.size});
+        if (size > (UINT64_MAX - 9) / 10)
+          query_fail(ctx, KEST_ERR_ARRAY_DIMENSION, {d.name, d.size});
         size = size * 10 + static_cast<uint64_t>(c - '0');
       }
       if (size > static_cast<uint64_t>(INT64_MAX)) {
         query_fail(ctx, KEST_ERR_ARRAY_DIMENSION, {d.name, d.size});
       }
       sizes_.push_back(size);
-      const uint32_t type = size - (size > 0) > static_cast<uint64_t>(INT32_MAX) ? LTYPE_SLNG : LTYPE_SINT;
+      const uint32_t type =
+          size - (size > 0) > static_cast<uint64_t>(INT32_MAX) ? LTYPE_SLNG : LTYPE_SINT;
       add_column(schema_, d.name, ColumnType{type, false, false});
     }
     total_ = 1;

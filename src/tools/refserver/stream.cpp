@@ -71,7 +71,8 @@ void put_data(NetBuffer* buf, const Schema& schema, const Batch& batch,
               const StreamDistortion& distortion) {
   NetBufferClear(buf);
   NetBufferPutInt(buf, kStatusOk);
-  NetBufferPutInt(buf, static_cast<uint32_t>(batch.rows + static_cast<size_t>(distortion.extra_rows)));
+  NetBufferPutInt(buf,
+                  static_cast<uint32_t>(batch.rows + static_cast<size_t>(distortion.extra_rows)));
   for (size_t c = 0; c < schema.names.size(); ++c) {
     const Vector& v = batch.columns[c];
     const size_t count = v.is_const ? 1 : batch.rows;
