@@ -207,6 +207,11 @@ int NetBufferSend(NetBuffer* buf) {
 
 int NetBufferRecv(NetBuffer* buf) {
   KEST_ASSERT(kFacility, buf);
+  // A reset connection stays reset: nothing more can arrive on it.
+  if (buf->state == NETBUF_RESET) {
+    ZN_LOG(kFacility, ZN_INFO, "Client closed connection");
+    return 0;
+  }
   buf->state = NETBUF_RECEIVING;
   buf->used = 4;
   buf->pos = 0;

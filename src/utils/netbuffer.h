@@ -74,8 +74,9 @@ void NetBufferPutStr(NetBuffer* buf, const char* text);  // without the terminat
 int NetBufferSend(NetBuffer* buf);
 // Receives one whole message: 1 when it is ready to parse (NETBUF_PARSING, pos at the first
 // field), 0 when the peer closed or reset the connection before a frame header was complete
-// (a reset also moves the buffer to NETBUF_RESET), -1 on any other error, a peer that closes
-// inside a message, or a length field outside 4 .. NETBUF_MAX_FRAME.
+// (a reset also moves the buffer to NETBUF_RESET, and a buffer already reset returns 0 at once),
+// -1 on any other error, a peer that closes inside a message, or a length field outside
+// 4 .. NETBUF_MAX_FRAME.
 int NetBufferRecv(NetBuffer* buf);
 // As NetBufferRecv, after waiting at most `microseconds` for the socket to become readable;
 // -2 when the time ran out (nothing was read), -1 when the wait itself failed.

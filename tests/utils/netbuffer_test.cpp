@@ -352,6 +352,8 @@ TEST(NetBufferReset, ResetIsStickyAndRefusesFurtherSends) {
   NetBufferClear(&c.nb);
   NetBufferPutInt(&c.nb, 1);
   EXPECT_EQ(NetBufferSend(&c.nb), -1);
+  EXPECT_EQ(NetBufferRecv(&c.nb), 0);
+  EXPECT_EQ(c.nb.state, NETBUF_RESET) << "only a new NetBufferInit leaves the reset state";
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_THAT(log, HasSubstr("Client closed connection"));
   EXPECT_THAT(log, HasSubstr("Not sending data, connection was reset before."));

@@ -44,7 +44,7 @@ void read_names(NetBuffer* netbuf, int32_t n) {
   }
 }
 
-void read_description(NetBuffer* netbuf, int32_t i, int64_t vector_size) {
+void read_column_type(NetBuffer* netbuf, int32_t i, int64_t vector_size) {
   queryres.isconst[i] = static_cast<int32_t>(NetBufferGetInt(netbuf));
   KEST_ASSERT(kFacility, NetBufferGetLen(netbuf) < MAX_TYPE_NAME);
   char text[MAX_TYPE_NAME];
@@ -141,7 +141,7 @@ void receive_ack(NetBuffer* netbuf, QueryAck* ack) {
   const int64_t vector_size = static_cast<int32_t>(NetBufferGetInt(netbuf));
   allocate_columns(n);
   read_names(netbuf, n);
-  for (int32_t i = 0; i < n; ++i) read_description(netbuf, i, vector_size);
+  for (int32_t i = 0; i < n; ++i) read_column_type(netbuf, i, vector_size);
   ack->column_count = n;
   ack->vector_size = vector_size;
   if (print_results)

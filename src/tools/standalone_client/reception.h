@@ -1,5 +1,5 @@
 // Result set reception: parses the acknowledgement and the data messages that answer a query into
-// the per-query result description `queryres`, and hands each batch of rows to the printer.
+// the per-query result layout `queryres`, and hands each batch of rows to the printer.
 //
 // Acknowledgement: int status (-1: an error record follows instead), int column count n, int
 // vector size, n names (str), then per column int isconst, str logical type, str physical type.
@@ -25,7 +25,7 @@ struct ClientConnection;
 // A logical type text must be shorter than this.
 constexpr int MAX_TYPE_NAME = 64;
 
-// The per-query result description: parallel arrays over the n columns, allocated by receive_ack
+// The per-query result layout: parallel arrays over the n columns, allocated by receive_ack
 // and freed by queryres_free at the end of the query. Every data message reuses the data areas.
 struct QueryResult {
   char** name;                // n + 1 owned texts, the last null (marks the end of the columns)
