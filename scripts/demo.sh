@@ -1,7 +1,30 @@
 #!/usr/bin/env bash
-# Builds the programs and shows the client at work.
+# Builds the programs, starts the reference server on a free loopback port and runs a sample
+# script through the client: a table of several types in ascii, the same in unicode, one result
+# as html and one server error. Stops the server at the end, also when something fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake --preset release >/dev/null
-cmake --build --preset release --target kest_client kest_refserver >/dev/null
-build/release/kest_client -v
+cmake --build --preset release -j2 --target kest_client kest_refserver >/dev/null
+bin=build/release
+
+out=$(mktemp)
+"$bin/kest_refserver" -P 0 >"$out" 2>/dev/null &
+server=$!
+trap 'kill "$server" 2>/dev/null || true; wait "$server" 2>/dev/null || true; rm -f "$out"' EXIT
+for _ in $(seq 50); do grep -q '^listening on ' "$out" && break; sleep 0.1; done
+port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$out")
+[ -n "$port" ] || { echo "the reference server did not start" >&2; exit 1; }
+echo "reference server listening on 127.0.0.1:$port"
+
+client() { "$bin/kest_client" -h 127.0.0.1 -P "$port" "$@" 2>/dev/null; }
+table="$(sed -n '/^Project(Array(\[i=4\])/,/^\]);/p' scripts/demo.kest)"
+
+echo; echo "== ascii"
+client -n -e "$table"
+echo; echo "== unicode"
+client -u -e "$table"
+echo; echo "== html"
+client -o html -e "Select(Array([x=3, y=3]), <(x, y))"
+echo; echo "== the whole script, errors ignored (the last query divides by zero)"
+client -n -i -f scripts/demo.kest || echo "(the client reports the failed query with a non-zero status)"
