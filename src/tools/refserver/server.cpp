@@ -34,12 +34,11 @@ void reap(std::list<std::unique_ptr<Worker>>& workers, bool all) {
 
 }  // namespace
 
-int run_server(const ServerOptions& options, const std::atomic<bool>& stop) {
-  uint16_t port = 0;
-  const int32_t listener = listener_open(options.host.c_str(), options.port, &port);
-  if (listener < 0) return 1;
-  std::printf("listening on %s:%u\n", options.host.c_str(), static_cast<unsigned>(port));
-  std::fflush(stdout);
+int32_t server_listen(const ServerOptions& options, uint16_t* port) {
+  return listener_open(options.host.c_str(), options.port, port);
+}
+
+void server_serve(int32_t listener, const ServerOptions& options, const std::atomic<bool>& stop) {
   std::list<std::unique_ptr<Worker>> workers;
   while (!stop.load()) {
     const int32_t s = listener_accept(listener, kAcceptPollMicros);
@@ -60,5 +59,14 @@ int run_server(const ServerOptions& options, const std::atomic<bool>& stop) {
   }
   socket_close(listener);
   reap(workers, true);
+}
+
+int run_server(const ServerOptions& options, const std::atomic<bool>& stop) {
+  uint16_t port = 0;
+  const int32_t listener = server_listen(options, &port);
+  if (listener < 0) return 1;
+  std::printf("listening on %s:%u\n", options.host.c_str(), static_cast<unsigned>(port));
+  std::fflush(stdout);
+  server_serve(listener, options, stop);
   return 0;
 }
