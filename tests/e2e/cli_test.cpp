@@ -66,6 +66,8 @@ class Cli : public testing::Test {
     options.env = {{"HOME", home_.string()}};
     options.time_limit = std::chrono::seconds(30);
     ProcessResult r = run_process(args, options);
+    r.out = normalize_newlines(std::move(r.out));
+    r.err = normalize_newlines(std::move(r.err));
     EXPECT_EQ(r.error, "");
     EXPECT_FALSE(r.timed_out);
     EXPECT_TRUE(r.exited);

@@ -37,6 +37,14 @@ int signed_byte(unsigned code) { return static_cast<int8_t>(static_cast<uint8_t>
 
 }  // namespace
 
+std::string normalize_newlines(std::string text) {
+  size_t out = 0;
+  for (size_t i = 0; i < text.size(); ++i)
+    if (!(text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n')) text[out++] = text[i];
+  text.resize(out);
+  return text;
+}
+
 #if defined(_WIN32)
 
 #include <windows.h>
@@ -170,7 +178,9 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
   CloseHandle(pi.hProcess);
   CloseHandle(pi.hThread);
   r.raw_code = static_cast<int>(code);
-  r.exited = !r.timed_out && code < 0xC0000000u;  // above: an exception ended it
+  // 0xC0000000-0xCFFFFFFF are exception codes (an access violation, a stack overflow): a crash.
+  // `return -1` gives 0xFFFFFFFF, outside that range.
+  r.exited = !r.timed_out && (code & 0xF0000000u) != 0xC0000000u;
   r.status = signed_byte(code);
   return r;
 }

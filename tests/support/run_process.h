@@ -45,3 +45,7 @@ struct ProcessResult {
 // the time limit passes, and returns what it wrote and how it ended. Never throws for a child's
 // failure; a child that could not be started gives exited false and `error` set.
 ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOptions& options = {});
+
+// `text` with every "\r\n" turned into "\n": a Windows program writes its standard streams in
+// text mode, so compare its output through this to share goldens with the other platforms.
+std::string normalize_newlines(std::string text);

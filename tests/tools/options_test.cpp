@@ -35,7 +35,7 @@ std::string scan(std::vector<std::string> args) {
     if (c == GET_OPTION_END) return seq + ".";
     if (c == GET_OPTION_REFUSED) return seq + "?";
     seq += static_cast<char>(c);
-    if (value) seq += "=" + std::string(value);
+    if (value) seq.append("=").append(value);
   }
   return seq + "(no end)";
 }
@@ -86,7 +86,7 @@ TEST(GetOption, ScansArgumentVectors) {
   };
   for (const Case& c : cases) {
     std::string joined;
-    for (const std::string& a : c.args) joined += "[" + a + "]";
+    for (const std::string& a : c.args) joined.append("[").append(a).append("]");
     EXPECT_EQ(scan(c.args), c.expected) << joined;
   }
 }
