@@ -16,7 +16,6 @@
 namespace {
 
 using testing::HasSubstr;
-using testing::StartsWith;
 
 constexpr int kClient = ZNCONFIG_GROUP_CLIENT;
 
@@ -191,15 +190,6 @@ TEST(ClientOptions, VersionEndsTheScanAtOnce) {
   EXPECT_EQ(s.out, std::string("kest_client\n") + version_str() + "\n");
   EXPECT_EQ(s.err, "");
   EXPECT_EQ(s.lng(ZNCONFIG_CLIENT_PORT), 6000);
-}
-
-TEST(ClientOptions, RefusalsPrintTheUsage) {
-  for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
-           {"-x"}, {"query.txt"}, {"--help"}, {"-?"}, {"--ping=1"}, {"--port"}, {"-pq"}}) {
-    Scan s(args);
-    EXPECT_EQ(s.outcome, OptionsOutcome::kExitFailed) << args[0];
-    EXPECT_THAT(s.out, StartsWith("Kest client\n\nUsage: kest_client [OPTIONS]\n")) << args[0];
-  }
 }
 
 }  // namespace

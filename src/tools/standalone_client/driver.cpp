@@ -1,7 +1,6 @@
 #include "tools/standalone_client/driver.h"
 
 #include <cstring>
-#include <memory>
 
 #include "kernel/ltype.h"
 #include "tools/standalone_client/client_globals.h"
