@@ -99,7 +99,8 @@ TEST_F(RefServerEval, LargeDimensionIsSlng) {
   Result r = run("Array([i=3000000000, j=2])", 4, 1);
   ASSERT_EQ(r.error, 0);
   EXPECT_EQ(r.types, (std::vector<std::string>{"slng", "sint"}));
-  const std::vector<std::vector<std::string>> first = {{"0", "0"}, {"0", "1"}, {"1", "0"}, {"1", "1"}};
+  const std::vector<std::vector<std::string>> first = {
+      {"0", "0"}, {"0", "1"}, {"1", "0"}, {"1", "1"}};
   EXPECT_EQ(r.rows, first);
 }
 
@@ -256,6 +257,13 @@ TEST_F(RefServerEval, ErrorsNameTheirCause) {
       {"Project(Array([i=1]), [x = +(i)])", 0, {}},
       {"Project(Array([i=1]), [x = *(i)])", KEST_ERR_ARITY, {"*", "2", "1"}},
       {"Array([i=1, i=2])", KEST_ERR_DUPLICATE_COLUMN, {"i", "Array"}},
+      // The system's s128 reader reports overflow as unreadable.
+      {"Project(Array([i=1]), [x = s128('170141183460469231731687303715884105728')])",
+       KEST_ERR_NOT_NUMBER,
+       {"170141183460469231731687303715884105728"}},
+      {"Project(Array([i=1]), [x = slng('99999999999999999999999999999999999999999')])",
+       KEST_ERR_OUT_OF_RANGE,
+       {"99999999999999999999999999999999999999999", "slng"}},
   };
   for (const ErrorCase& c : cases) {
     query_context_destroy(ctx_);

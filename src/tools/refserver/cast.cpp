@@ -97,21 +97,28 @@ void check_length(QueryContext* ctx, const std::string& s, uint32_t type) {
   if (limit > 0 && n > limit) out_of_range(ctx, "'" + s + "'", type);
 }
 
-bool strict_integer(const std::string& s, i128* out) {
+enum class Strict { not_integer, ok, too_big };
+
+// "[blanks][+|-]digits[blanks]" read exactly; a magnitude beyond 128 bits is too_big.
+Strict strict_integer(const std::string& s, i128* out) {
   size_t i = 0;
   while (i < s.size() && s[i] == ' ') ++i;
   const bool neg = i < s.size() && s[i] == '-';
   if (i < s.size() && (s[i] == '-' || s[i] == '+')) ++i;
-  i128 v = 0;
+  using u128 = unsigned __int128;
+  const u128 limit = static_cast<u128>(1) << 127;  // the magnitude of the smallest s128
+  u128 v = 0;
   size_t digits = 0;
+  bool big = false;
   for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i, ++digits) {
-    if (digits > 38) return false;
-    v = v * 10 + (s[i] - '0');
+    big = big || v > (limit - static_cast<u128>(s[i] - '0')) / 10;
+    if (!big) v = v * 10 + static_cast<u128>(s[i] - '0');
   }
   while (i < s.size() && s[i] == ' ') ++i;
-  if (digits == 0 || i != s.size()) return false;
-  *out = neg ? -v : v;
-  return true;
+  if (digits == 0 || i != s.size()) return Strict::not_integer;
+  if (big || v > limit - (neg ? 0 : 1)) return Strict::too_big;
+  *out = neg ? static_cast<i128>(0 - v) : static_cast<i128>(v);
+  return Strict::ok;
 }
 
 Vector constant_of(uint32_t type) {
@@ -131,11 +138,14 @@ i128 read_exact_literal(QueryContext* ctx, uint32_t type, const std::string& tex
   }
   alignas(16) unsigned char buf[16] = {};
   if (value_from_string(ctx, buf, type, text.c_str()) != 0) throw QueryFailed{};
-  i128 strict;
-  if (ltype_id(type) != LTYPE_BOOL && kind_of(type) == Kind::exact &&
-      strict_integer(text, &strict)) {
-    check_range(ctx, strict, type);
-    return strict;
+  i128 strict = 0;
+  if (ltype_id(type) != LTYPE_BOOL && kind_of(type) == Kind::exact) {
+    const Strict r = strict_integer(text, &strict);
+    if (r == Strict::too_big) out_of_range(ctx, text, type);
+    if (r == Strict::ok) {
+      check_range(ctx, strict, type);
+      return strict;
+    }
   }
   const int width = ltype_id(type) == LTYPE_BOOL ? 1 : ptype_width(ltype_physical(type));
   return load_int(buf, width, is_unsigned(ltype_id(type)));
