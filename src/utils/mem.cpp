@@ -6,6 +6,7 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "utils/kest_assert.h"
 #include "utils/longjmp_ctx.h"
@@ -614,10 +615,12 @@ void link_child(MemContext* parent, MemContext* ctx) {
 }
 
 void link_root(MemContext* ctx) {
-  auto* ts = new MemThreadSafety{0, 0, lock_create()};
-  ctx->thread_safety = ts->lock ? ts : nullptr;
-  ZN_LOG(kFacility, ZN_DEBUG, "allocated lock(%p) by %s", static_cast<void*>(ts->lock),
-         name_of(ctx));
+  // No throwing allocation here: running short of memory takes the assertion below.
+  auto* ts = new (std::nothrow) MemThreadSafety{0, 0, nullptr};
+  if (ts) ts->lock = lock_create();
+  ctx->thread_safety = ts && ts->lock ? ts : nullptr;
+  ZN_LOG(kFacility, ZN_DEBUG, "allocated lock(%p) by %s",
+         static_cast<void*>(ts ? ts->lock : nullptr), name_of(ctx));
   KEST_ASSERT_TEXT(kFacility, ctx->thread_safety != nullptr, "this->thread_safety != NULL");
   SystemState& s = sys();
   GlobalLock global;
