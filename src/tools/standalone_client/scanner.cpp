@@ -316,16 +316,22 @@ void read_here_body(Scanner* s, std::string_view delimiter) {
 
 // The look-ahead is the third character of the opener; the rest of its line, newline included,
 // is the delimiter.
+// The delimiter is gathered in the token text and copied into the scanner's context, so that
+// running out of memory takes the context's path instead of throwing.
 int32_t read_here_document(Scanner* s) {
-  std::string delimiter;
+  text_empty(s);
   advance(s);
   while (s->cur != -1) {
-    delimiter.push_back(static_cast<char>(s->cur));
+    text_append(s, s->cur);
     if (s->cur == '\n') break;
     advance(s);
   }
+  const auto length = static_cast<size_t>(s->yyleng);
+  auto* delimiter = static_cast<char*>(mem_malloc(s->ctx, length + 1, 0));
+  std::memcpy(delimiter, s->yytext, length);
   text_empty(s);
-  if (s->cur != -1) read_here_body(s, delimiter);
+  if (s->cur != -1) read_here_body(s, std::string_view(delimiter, length));
+  mem_free(s->ctx, delimiter);
   return finish_string(s);
 }
 
