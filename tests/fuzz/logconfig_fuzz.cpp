@@ -1,0 +1,11 @@
+// Fuzz target: log_config (see fuzz/support/text_harness.h for the input layout and the checks).
+#include <cstddef>
+#include <cstdint>
+
+#include "fuzz/support/fuzz_main.h"
+#include "fuzz/support/text_harness.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  kest_fuzz::fail_if(kest_fuzz::check_log_config(data, size));
+  return 0;
+}

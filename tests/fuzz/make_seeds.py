@@ -1,0 +1,178 @@
+#!/usr/bin/env python3
+"""Writes the seed corpora of the fuzz targets: real acknowledgements, data messages, scripts,
+settings files, logger configurations, type texts and command lines. Run it from anywhere; it
+rewrites only the files named seed_*, never the regression inputs kept beside them."""
+import os
+import struct
+
+ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus")
+
+
+def be32(v):
+    return struct.pack(">I", v & 0xFFFFFFFF)
+
+
+def var(b):
+    if isinstance(b, str):
+        b = b.encode()
+    return bytes([255] * (len(b) // 255) + [len(b) % 255]) + b
+
+
+def frame(body):
+    return be32(len(body) + 4) + body
+
+
+def ack(vector, cols):
+    """cols: (name, isconst, ltype, ptype)."""
+    body = be32(0) + be32(len(cols)) + be32(vector)
+    for c in cols:
+        body += var(c[0])
+    for c in cols:
+        body += be32(c[1]) + var(c[2]) + var(c[3])
+    return frame(body)
+
+
+def data(rows, blocks=b""):
+    return frame(be32(0) + be32(rows) + blocks)
+
+
+def error(code, params):
+    body = be32(0xFFFFFFFF) + be32(code) + be32(len(params))
+    for p in params:
+        body += var(p)
+    return frame(body)
+
+
+def ints(fmt, values):
+    return b"".join(struct.pack("<" + fmt, v) for v in values)
+
+
+def write(target, name, payload):
+    d = os.path.join(ROOT, target)
+    os.makedirs(d, exist_ok=True)
+    with open(os.path.join(d, "seed_" + name), "wb") as f:
+        f.write(payload)
+
+
+def receive_seeds():
+    streams = {
+        "ints": ack(4, [("i", 0, "int", "sint"), ("l", 0, "bigint", "slng")])
+        + data(2, ints("i", [1, -2]) + ints("q", [3, 2**62]))
+        + data(0),
+        "strings": ack(3, [("s", 0, "varchar(10)", "str")])
+        + data(3, var("") + var("x" * 255) + var("\u00e9t\u00e9"))
+        + data(0),
+        "const": ack(8, [("c", 1, "int", "sint"), ("v", 0, "smallint", "ssht")])
+        + data(3, ints("i", [7]) + ints("h", [1, 2, 3]))
+        + data(0),
+        "nulls": ack(2, [("", 0, "bool", "uchr"), ("d", 0, "decimal(12,2)", "slng")])
+        + data(2, bytes([0, 1]) + ints("q", [12345, 99]))
+        + data(0),
+        "floats": ack(2, [("f", 0, "flt", "flt"), ("d", 0, "dbl", "dbl"), ("m", 0, "money", "dbl")])
+        + data(2, ints("f", [1.5, -0.0]) + ints("d", [3.25, 1e300]) + ints("d", [1234.0, -5.0]))
+        + data(0),
+        "dates": ack(1, [("d", 0, "date", "sint"), ("t", 0, "time(3)", "slng"),
+                         ("ts", 0, "timestamp(6)", "slng")])
+        + data(1, ints("i", [19000]) + ints("q", [3600123]) + ints("q", [1700000000000000]))
+        + data(0),
+        "wide": ack(1, [("w", 0, "decimal(30,4)", "s128"), ("h", 0, "s128", "s128")])
+        + data(1, ints("q", [5, 0]) + ints("q", [-1, -1]))
+        + data(0),
+        "zero_columns": ack(5, []) + data(3) + data(0),
+        "no_rows": ack(4, [("a", 0, "int", "sint")]) + data(0),
+        "ack_error": error(1, ["table", "t1"]),
+        "data_error": ack(4, [("a", 0, "int", "sint")]) + data(1, ints("i", [1])) + error(7, ["x"]),
+        "too_many_rows": ack(1, [("a", 0, "int", "sint")]) + data(2, ints("i", [1, 2])),
+        "negative_rows": ack(1, [("a", 0, "int", "sint")]) + data(-1),
+        "empty_frame": frame(b""),
+        "closed_mid_stream": ack(4, [("a", 0, "int", "sint")]) + data(1, ints("i", [1])),
+    }
+    for name, stream in streams.items():
+        for mode in range(4):
+            write("receive", "%s_%d" % (name, mode), bytes([mode, 7 * mode + 3]) + stream)
+
+
+def split_seeds():
+    scripts = {
+        "two": "a; b;",
+        "no_semicolon": "a; b",
+        "empties": ";;; a;",
+        "quoted": "select('x;y');",
+        "heredoc": "Array(<<<END\nx;y\nEND\n);\nnext;",
+        "heredoc_eq": "q(<=<E\n;\nE\n);",
+        "comments": "# c\nq;\n/* ; */ r; // t\ns;",
+        "escapes": "'\\08' '\\x41' '\\u00e9' '\\x' '\\n\\t';",
+        "numbers": "1.2.3 12. 7 x_1 fetchN FETCHN true as;",
+        "operators": "a != b <= c >= d << e >> f && g || h == i = j ! k;",
+        "utf8": "caf\u00e9 'na\u00efve';",
+        "bad_utf8": "x\xff\xfe 'a\xc3';",
+        "leading_space": "  \n\tq ;",
+        "unterminated": "'open string",
+        "control_start": "\x01",
+        "real_query": "Array([i=0]);\nproject(Array([i=10]), [j = i * 2]);\n",
+    }
+    for name, text in scripts.items():
+        payload = text.encode("latin-1") if "\xff" in text or "\x01" in text else text.encode()
+        write("split", name, payload)
+
+
+def settings_seeds():
+    files = {
+        "client": "[client]\nport = 5000\nhost = 127.0.0.1\noutput_mode = html\n",
+        "sizes": "[memory]\nmax_mem = 2G\nbuffer = 512 KB\n",
+        "comments": "# only a comment\n\n[client] # trailing\nconnection_retries = 7\n",
+        "quoted": "[client]\npassfile = \"/tmp/key file\"\n",
+        "slash": "[client]\nhost = a/b/c\n/ stray\n",
+        "bad": "[client\nport = = 3\n]]\n",
+        "unknown": "[nosuchgroup]\nfoo = bar\n[client]\nnosuch = 1\n",
+        "out_of_range": "[client]\nport = 70000\nconnection_retries = -1\n",
+    }
+    for name, text in files.items():
+        write("settings", name, text.encode())
+    write("settings", "long_word", ("[client]\nhost = " + "h" * 5000 + "\n").encode())
+
+
+def logconfig_seeds():
+    texts = {
+        "styles": "stdout = color:comment\nstderr = showlevel:pid\nfile = timestamp:showlevel\n",
+        "rules": "default = debug:stdout\nNETBUFFER = trace:red:file\nfilename = run.log\n",
+        "facility_kw": "facility KESTCLIENT = warn:stderr, LTYPE = error\n",
+        "quoted": "filename = \"with space.log\"\n",
+        "bad": "stdout = nosuchstyle\n",
+        "commas": "default = info,MEMCONTEXT = trace:blue:stderr:stdout\n",
+    }
+    for name, text in texts.items():
+        write("logconfig", name, text.encode())
+    write("logconfig", "many_rules", "".join("F%d = info\n" % i for i in range(140)).encode())
+
+
+def types_seeds():
+    for i, t in enumerate(["decimal(12,2)", "varchar(5)", "char", "time(3)", "str", "float(4)",
+                           "timestamp(9)", "nosuch", "decimal(", "int)"]):
+        write("types", "ltype_%d" % i, bytes([0, 0, 0, 0]) + t.encode())
+    for i, t in enumerate(["0", "-1", "170141183460469231731687303715884105727",
+                           "-170141183460469231731687303715884105728",
+                           "170141183460469231731687303715884105728", "12abc", "-", ""]):
+        write("types", "s128_%d" % i, bytes([1, 0, 0, 0]) + t.encode())
+    values = [(5, "-2147483648"), (11, "12.345"), (43, "12.345"), (17, "2024-02-29"),
+              (18, "23:59:59.123"), (19, "2024-01-01 00:00:00"), (14, "$1,234.56"),
+              (12, "1e10"), (0, "yes"), (20, "3 12:00:00"), (21, "1-2")]
+    for i, (pick, text) in enumerate(values):
+        write("types", "value_%d" % i, bytes([2, pick, 12, 3]) + text.encode())
+
+
+def options_seeds():
+    lines = [["-e", "Array([i=0])", "-P", "5000"], ["--port=5000", "--host", "127.0.0.1"],
+             ["-pi", "-r"], ["-P5000", "-o", "html"], ["--nosuch"], ["stray"], ["-e"],
+             ["--ping=1"], ["-uv"], ["--output=raw", "-n", "--ignore-err", "-?"]]
+    for i, args in enumerate(lines):
+        write("options", "args_%d" % i, b"\0".join(a.encode() for a in args))
+
+
+if __name__ == "__main__":
+    receive_seeds()
+    split_seeds()
+    settings_seeds()
+    logconfig_seeds()
+    types_seeds()
+    options_seeds()

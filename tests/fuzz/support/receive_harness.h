@@ -1,0 +1,416 @@
+// The receive path under hostile bytes: a peer's byte stream goes through a loopback socket into
+// NetBufferRecv, the acknowledgement and the data messages, and on to the printer. Shared by the
+// fuzz target and by the replay test of the ordinary suites (header-only, because the two are
+// built into different programs).
+//
+// Input layout: byte 0 picks the output mode (low two bits), byte 1 seeds the fragmentation,
+// the rest is what the peer sends.
+//
+// Specified aborts. A malformed message (a field running past its frame, a logical type text of
+// 64 bytes or more, an unknown physical type, a column count or vector size no allocation can
+// serve) ends the process by design. libFuzzer runs targets in-process, so such an input would
+// end the whole run. Rather than catching the abort (a longjmp out of an assertion would leave
+// the half-built result behind and hide leaks), a small model of the frame layout walks the
+// stream first and the harness skips every input the model says must abort. Every other abort is
+// then a real fault: the model and the client disagree, and the fuzzer reports the crash.
+//
+// Differential check: the same stream delivered whole and in fragments must give byte-identical
+// output, and the row counts the client reports must be those the model read.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "fuzz/support/fuzz_common.h"
+#include "kernel/ltype.h"
+#include "tools/standalone_client/client_globals.h"
+#include "tools/standalone_client/printer.h"
+#include "tools/standalone_client/reception.h"
+#include "tools/standalone_client/session.h"
+#include "utils/netbuffer.h"
+#include "utils/netbuffer_socket.h"
+
+namespace kest_fuzz {
+
+// Data areas the model lets through, all columns together. An acknowledgement may ask for
+// width x vector size bytes per column before any row arrives; past this budget the outcome
+// depends on the machine (the allocation succeeds, or fails the "queryres.data[i]" assertion),
+// so such inputs are skipped rather than judged.
+constexpr int64_t kAreaBudget = int64_t{8} << 20;
+
+enum class StreamVerdict { kRuns, kMustAbort, kOverBudget, kMismatchedTypes };
+
+// A column whose logical type the value printer cannot read from its physical type: the
+// printer's assertion (a "str", "dbl" or "flt" column of another meaning) or a read past the
+// value ("money" read as 8 bytes from a narrower column). The client does not refuse such an
+// acknowledgement yet; until it does, these inputs are set aside (their reproducers are kept
+// under tests/fuzz/findings/receive/) so that fuzzing goes on past them.
+inline bool printer_cannot_read(uint32_t ltype, const PhysicalType* physical) {
+  const uint32_t id = ltype_id(ltype);
+  const std::string_view name = physical->name;
+  if (id == LTYPE_MONEY) return ptype_width(physical) < 8;
+  if (name == "dbl") return id != LTYPE_FLT8 && id != LTYPE_DECIMAL;
+  if (name == "flt") return id != LTYPE_FLT4 && id != LTYPE_FLT8;
+  if (name == "str") return id != LTYPE_CHAR && id != LTYPE_VCHAR;
+  return false;
+}
+
+struct StreamModel {
+  StreamVerdict verdict = StreamVerdict::kRuns;
+  std::vector<int64_t> rows;  // what each receive_data returns, in order
+  bool ack_error = false;     // the acknowledgement carried an error record
+  bool has_ack = false;       // an acknowledgement frame arrived at all
+};
+
+// Reads the fields of one frame body the way the network buffer does, noting whether a read
+// would run past the frame (which the client turns into an assertion).
+class FieldReader {
+ public:
+  explicit FieldReader(std::string_view body) : body_(body) {}
+  bool int32(uint32_t* value) {
+    if (body_.size() - pos_ < 4) return false;
+    uint32_t v = 0;
+    for (int i = 0; i < 4; ++i) v = (v << 8) | static_cast<unsigned char>(body_[pos_ + i]);
+    pos_ += 4;
+    *value = v;
+    return true;
+  }
+  bool var(std::string_view* bytes) {
+    size_t p = pos_;
+    size_t len = 0;
+    while (p < body_.size() && static_cast<unsigned char>(body_[p]) == 255) {
+      len += 255;
+      ++p;
+    }
+    if (p >= body_.size()) return false;
+    len += static_cast<unsigned char>(body_[p++]);
+    if (len > body_.size() - p) return false;
+    *bytes = body_.substr(p, len);
+    pos_ = p + len;
+    return true;
+  }
+  bool raw(int64_t len) {
+    if (len < 0 || static_cast<uint64_t>(len) > body_.size() - pos_) return false;
+    pos_ += static_cast<size_t>(len);
+    return true;
+  }
+  size_t remaining() const { return body_.size() - pos_; }
+
+ private:
+  std::string_view body_;
+  size_t pos_ = 0;
+};
+
+// Takes the next frame off `stream`: true with its body, false when NetBufferRecv would not
+// deliver one (end of stream, a bad length field, a frame cut short).
+inline bool next_frame(std::string_view* stream, std::string_view* body) {
+  if (stream->size() < 4) return false;
+  uint32_t total = 0;
+  for (int i = 0; i < 4; ++i) total = (total << 8) | static_cast<unsigned char>((*stream)[i]);
+  if (total < 4 || total > uint32_t{NETBUF_MAX_FRAME} || total > stream->size()) return false;
+  *body = stream->substr(4, total - 4);
+  stream->remove_prefix(total);
+  return true;
+}
+
+// An error record: code, count, count strs. False when it runs past the frame.
+inline bool model_error_record(FieldReader* r) {
+  uint32_t code = 0, count = 0;
+  if (!r->int32(&code) || !r->int32(&count)) return false;
+  const auto n = static_cast<int32_t>(count);
+  // Each parameter takes at least one byte; a larger count must run past the frame.
+  if (n > 0 && static_cast<size_t>(n) > r->remaining()) return false;
+  std::string_view param;
+  for (int32_t i = 0; i < n; ++i)
+    if (!r->var(&param)) return false;
+  return true;
+}
+
+struct ModelColumn {
+  bool isconst;
+  bool fixed;
+  int32_t width;
+};
+
+inline StreamVerdict model_ack(FieldReader* r, StreamModel* m, std::vector<ModelColumn>* cols,
+                               int64_t* vector_size) {
+  uint32_t status = 0, count = 0, vsize = 0;
+  if (!r->int32(&status)) return StreamVerdict::kMustAbort;
+  if (status == 0xFFFFFFFFu) {
+    m->ack_error = true;
+    return model_error_record(r) ? StreamVerdict::kRuns : StreamVerdict::kMustAbort;
+  }
+  if (!r->int32(&count) || !r->int32(&vsize)) return StreamVerdict::kMustAbort;
+  const auto n = static_cast<int32_t>(count);
+  *vector_size = static_cast<int32_t>(vsize);
+  // A negative count fails the allocation assertion; more columns than bytes left must run
+  // past the frame (each name takes one byte at least).
+  if (n < 0 || static_cast<size_t>(n) > r->remaining()) return StreamVerdict::kMustAbort;
+  std::string_view field;
+  for (int32_t i = 0; i < n; ++i)
+    if (!r->var(&field)) return StreamVerdict::kMustAbort;
+  int64_t areas = 0;
+  bool mismatched = false;
+  for (int32_t i = 0; i < n; ++i) {
+    uint32_t isconst = 0;
+    if (!r->int32(&isconst) || !r->var(&field) || field.size() >= MAX_TYPE_NAME)
+      return StreamVerdict::kMustAbort;
+    const std::string logical(field);
+    if (!r->var(&field)) return StreamVerdict::kMustAbort;
+    const std::string physical(field);  // the client looks the name up up to its first NUL
+    const PhysicalType* type = ptype_lookup(physical.c_str());
+    if (type == nullptr) return StreamVerdict::kMustAbort;
+    const int32_t width = ptype_width(type);
+    const int64_t values = isconst ? 1 : *vector_size;
+    if (values < 0 || width <= 0) return StreamVerdict::kMustAbort;
+    if (printer_cannot_read(ltype_parse(logical.c_str()), type)) mismatched = true;
+    areas += std::max<int64_t>(values, 1) * width;
+    if (areas > kAreaBudget) return StreamVerdict::kOverBudget;
+    cols->push_back({isconst != 0, type->fixed_size != 0, width});
+  }
+  return mismatched ? StreamVerdict::kMismatchedTypes : StreamVerdict::kRuns;
+}
+
+// One data message; appends what receive_data returns. False when the results end there.
+inline bool model_data(std::string_view body, const std::vector<ModelColumn>& cols,
+                       int64_t vector_size, StreamModel* m) {
+  FieldReader r(body);
+  uint32_t status = 0, count = 0;
+  if (!r.int32(&status)) {
+    m->verdict = StreamVerdict::kMustAbort;
+    return false;
+  }
+  if (status == 0xFFFFFFFFu) {
+    if (!model_error_record(&r)) m->verdict = StreamVerdict::kMustAbort;
+    m->rows.push_back(-1);
+    return false;
+  }
+  if (!r.int32(&count)) {
+    m->verdict = StreamVerdict::kMustAbort;
+    return false;
+  }
+  const int64_t rows = static_cast<int32_t>(count);
+  if (rows <= 0 || rows > vector_size) {
+    m->rows.push_back(rows == 0 ? 0 : -1);
+    return false;
+  }
+  std::string_view value;
+  for (const ModelColumn& c : cols) {
+    const int64_t k = c.isconst ? 1 : rows;
+    bool fits = true;
+    if (c.fixed) {
+      fits = r.raw(k * c.width);
+    } else {
+      for (int64_t j = 0; j < k && fits; ++j) fits = r.var(&value);
+    }
+    if (!fits) {
+      m->verdict = StreamVerdict::kMustAbort;
+      return false;
+    }
+  }
+  m->rows.push_back(rows);
+  return true;
+}
+
+inline StreamModel model_stream(std::string_view stream) {
+  StreamModel m;
+  std::string_view body;
+  if (!next_frame(&stream, &body)) return m;
+  m.has_ack = true;
+  FieldReader ack(body);
+  std::vector<ModelColumn> cols;
+  int64_t vector_size = 0;
+  m.verdict = model_ack(&ack, &m, &cols, &vector_size);
+  if (m.verdict != StreamVerdict::kRuns || m.ack_error) return m;
+  for (;;) {
+    if (!next_frame(&stream, &body)) {
+      m.rows.push_back(-1);  // closed, or a frame the network buffer refuses
+      return m;
+    }
+    if (!model_data(body, cols, vector_size, &m)) return m;
+  }
+}
+
+// How the peer hands over the stream.
+struct Delivery {
+  bool fragmented = false;
+  uint32_t seed = 0;  // picks the cut points
+};
+
+// Cut points for a fragmented delivery: at most 8 pieces (each costs thread switches), biased
+// towards small first pieces so that frame headers and length prefixes arrive split.
+inline std::vector<size_t> cut_points(size_t size, uint32_t seed) {
+  std::vector<size_t> cuts;
+  uint32_t x = seed * 2654435761u + 1;
+  size_t at = 0;
+  for (int i = 0; i < 7 && at < size; ++i) {
+    x = x * 1103515245u + 12345u;
+    const size_t span = i < 4 ? 7 : std::max<size_t>(size / 4, 1);
+    at += 1 + (x >> 8) % span;
+    if (at < size) cuts.push_back(at);
+  }
+  return cuts;
+}
+
+// The peer's side: writes the stream (whole or piece by piece), then closes orderly. Stops early
+// when the client has gone.
+inline void play_peer(int32_t s, std::string_view stream, Delivery d) {
+  auto send_all = [s](std::string_view bytes) {
+    while (!bytes.empty()) {
+      const int64_t n = net_send(s, bytes.data(), bytes.size());
+      if (n <= 0) return false;
+      bytes.remove_prefix(static_cast<size_t>(n));
+    }
+    return true;
+  };
+  if (!d.fragmented) {
+    send_all(stream);
+  } else {
+    size_t from = 0;
+    std::vector<size_t> cuts = cut_points(stream.size(), d.seed);
+    cuts.push_back(stream.size());
+    for (size_t to : cuts) {
+      if (!send_all(stream.substr(from, to - from))) break;
+      from = to;
+      // Give the client a chance to take this piece before the next one lands behind it.
+      std::this_thread::yield();
+    }
+  }
+  net_close(s);
+}
+
+// A connected loopback pair: the client's socket and the peer's. False when sockets fail.
+inline bool loopback_pair(int32_t* client, int32_t* peer) {
+  static const int32_t listener = net_bind(net_loopback_address(), 0, true);
+  if (listener < 0) return false;
+  *client = net_tcp_socket();
+  if (*client < 0) return false;
+  if (net_connect(*client, net_loopback_address(), net_local_port(listener)) != 0 ||
+      (*peer = net_accept(listener)) < 0) {
+    net_close(*client);
+    return false;
+  }
+  // Each piece of a fragmented delivery leaves at once rather than waiting for an acknowledgement.
+  net_set_nodelay(*peer);
+  return true;
+}
+
+inline std::string read_back(std::FILE* f) {
+  std::string text;
+  std::fflush(f);
+  std::rewind(f);
+  char block[4096];
+  size_t n;
+  while ((n = std::fread(block, 1, sizeof block, f)) > 0) text.append(block, n);
+  return text;
+}
+
+constexpr size_t kInlineStream = 32 * 1024;
+
+// What the client made of a stream: the printed table and one line per reception outcome.
+struct ReceiveRun {
+  bool ok = false;  // sockets and the output file were available
+  std::string printed;
+  std::vector<int64_t> rows;
+  std::string events;
+};
+
+// Runs the client's reception of one query over `stream`, as run_query does after sending,
+// with the printer writing to a temporary file in `mode`.
+inline ReceiveRun run_reception(std::string_view stream, int mode, Delivery d) {
+  ReceiveRun run;
+  int32_t client = -1, peer = -1;
+  std::FILE* out = std::tmpfile();
+  if (out == nullptr || !loopback_pair(&client, &peer)) {
+    if (out) std::fclose(out);
+    return run;
+  }
+  // A small stream fits in the socket buffers: the peer can write it all before the client
+  // reads, with no second thread. Pieces need a peer that runs alongside the client.
+  const bool inline_peer = !d.fragmented && stream.size() <= kInlineStream;
+  std::thread writer;
+  if (inline_peer)
+    play_peer(peer, stream, d);
+  else
+    writer = std::thread(play_peer, peer, stream, d);
+  ClientConnection conn{};
+  conn.socket = client;
+  NetBufferInit(&conn.netbuf, client);
+  print_results = 0;
+  const int got = NetBufferRecv(&conn.netbuf);
+  if (got <= 0) {
+    run.events = "no ack " + std::to_string(got);
+  } else {
+    QueryAck ack;
+    receive_ack(&conn.netbuf, &ack);
+    if (ack.is_error) {
+      run.events =
+          ack.error ? "ack error: " + server_error_text(ack.error) : "ack error: no memory";
+      free_error(ack.error);
+    } else {
+      conn.vector_size = ack.vector_size;
+      conn.column_count = ack.column_count;
+      queryres.printer = printer_open(out, ack.column_count, queryres.name, queryres.type,
+                                      queryres.ltype, queryres.isconst, mode);
+      print_results = 1;
+      for (;;) {
+        const int64_t rows = receive_data(&conn);
+        run.rows.push_back(rows);
+        if (rows <= 0) break;
+      }
+      print_results = 0;
+      printer_close(queryres.printer);
+      queryres.printer = nullptr;
+    }
+  }
+  queryres_free();
+  NetBufferClose(&conn.netbuf);
+  if (writer.joinable()) writer.join();
+  run.printed = read_back(out);
+  std::fclose(out);
+  run.ok = true;
+  return run;
+}
+
+inline std::string join_rows(const std::vector<int64_t>& rows) {
+  std::string s;
+  for (int64_t r : rows) s += std::to_string(r) + " ";
+  return s;
+}
+
+// The whole check for one fuzz input. Returns an empty text when it holds, else what went wrong.
+// `skipped` tells the caller the model ruled the input out (it must abort, or asks for more
+// memory than the budget).
+inline std::string check_receive(const uint8_t* data, size_t size, bool* skipped = nullptr) {
+  fuzz_init();
+  if (skipped) *skipped = true;
+  if (size < 2) return {};
+  const int mode = data[0] & 3;
+  const uint32_t seed = data[1];
+  const std::string_view stream(reinterpret_cast<const char*>(data) + 2, size - 2);
+  const StreamModel model = model_stream(stream);
+  if (model.verdict != StreamVerdict::kRuns) return {};
+  if (skipped) *skipped = false;
+  const ReceiveRun whole = run_reception(stream, mode, {false, seed});
+  const ReceiveRun split = run_reception(stream, mode, {true, seed});
+  if (!whole.ok || !split.ok) return {};  // no sockets here: nothing to judge
+  if (whole.printed != split.printed)
+    return "whole and fragmented delivery printed different text:\n[" + whole.printed + "]\n[" +
+           split.printed + "]";
+  if (whole.events != split.events)
+    return "different outcomes: " + whole.events + " / " + split.events;
+  if (whole.rows != split.rows)
+    return "different row counts: " + join_rows(whole.rows) + "/ " + join_rows(split.rows);
+  if (!model.ack_error && model.has_ack && whole.rows != model.rows)
+    return "row counts " + join_rows(whole.rows) + "differ from the stream's " +
+           join_rows(model.rows);
+  return {};
+}
+
+}  // namespace kest_fuzz

@@ -1,0 +1,141 @@
+// The query splitter and the scanner under hostile scripts, in string mode and in file mode.
+// Shared by the fuzz target and the replay test (header-only).
+//
+// Specified aborts. The splitter asserts "*qs->lss->yytext == 0" and "startpos < endpos" for
+// scripts it cannot cut (an unclassifiable character where a statement starts). Those are the
+// system's answer to such a script, so the harness predicts them and skips the input: a second,
+// private scanner walks the same bytes and replays the splitter's decisions. The scanner itself
+// never asserts, so the prediction is safe to run, and it doubles as the token-stream check.
+// Any abort on an input the prediction lets through is a real fault.
+//
+// Differential check: a script free of NULs and unclassifiable characters gives the same
+// queries in string mode and in file mode.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fuzz/support/fuzz_common.h"
+#include "tools/standalone_client/scanner.h"
+#include "tools/standalone_client/split_query.h"
+#include "utils/mem.h"
+
+namespace kest_fuzz {
+
+struct ByteSource {
+  std::string_view bytes;
+  size_t next = 0;
+};
+
+inline int32_t byte_source_get(void* arg) {
+  auto* src = static_cast<ByteSource*>(arg);
+  if (src->next >= src->bytes.size()) return -1;
+  return static_cast<unsigned char>(src->bytes[src->next++]);
+}
+
+struct SplitPrediction {
+  bool must_abort = false;
+  bool unclassified = false;  // the scanner met a character no class accepts
+  int queries = 0;
+  std::string broken;  // a scanner invariant that did not hold
+};
+
+inline bool split_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+// The splitter's loop over a private scanner on `bytes` (the text the splitter's buffer holds).
+// Bounded: every round consumes input or ends, except the one case the splitter asserts on.
+inline SplitPrediction predict_split(std::string_view bytes) {
+  SplitPrediction p;
+  MemContext* ctx = mem_context_create(nullptr, "fuzzscanner");
+  ByteSource src{bytes};
+  Scanner* s = scanner_create(ctx, "file", byte_source_get, &src);
+  int32_t last_pos = scanner_position(s);
+  auto token = [&]() {
+    const int32_t kind = scanner_get_token(s);
+    const int32_t pos = scanner_position(s);
+    if (s->yytext[s->yyleng] != 0) p.broken = "token text not terminated";
+    if (pos < last_pos) p.broken = "scanner position went back";
+    last_pos = pos;
+    return kind;
+  };
+  for (;;) {
+    int32_t start = scanner_position(s);
+    const bool no_token = token() == TOK_END;
+    if (!no_token)
+      while (token() != TOK_END) {
+      }
+    const int32_t end = scanner_position(s);
+    const bool semicolon = std::strcmp(s->yytext, ";") == 0;
+    if (no_token) {
+      if (semicolon && end > start) continue;
+      p.must_abort = semicolon || *s->yytext != 0;
+      break;
+    }
+    while (start < end && split_space(bytes[static_cast<size_t>(start)])) ++start;
+    if (start >= end) {
+      p.must_abort = true;
+      break;
+    }
+    ++p.queries;
+  }
+  p.unclassified = s->unclassified != 0;
+  mem_context_destroy(ctx);
+  return p;
+}
+
+inline std::vector<std::string> drain(QuerySplitter* qs, int limit) {
+  std::vector<std::string> out;
+  for (const char* q; (q = query_splitter_next(qs)) != nullptr && limit-- > 0;) out.emplace_back(q);
+  return out;
+}
+
+// The whole check for one input; empty when it holds, else what went wrong.
+inline std::string check_split(const uint8_t* data, size_t size, bool* skipped = nullptr) {
+  fuzz_init();
+  if (skipped) *skipped = true;
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  const std::string text(bytes.substr(0, bytes.find('\0')));  // what string mode sees
+  const SplitPrediction as_file = predict_split(bytes);
+  const SplitPrediction as_string = predict_split(text);
+  if (!as_file.broken.empty()) return as_file.broken;
+  std::vector<std::string> from_string, from_file;
+  if (!as_string.must_abort) {
+    QuerySplitter* qs = query_splitter_create_string(text.c_str());
+    if (qs == nullptr) return "string splitter could not be created";
+    from_string = drain(qs, as_string.queries + 1);
+    query_splitter_free(qs);
+    if (static_cast<int>(from_string.size()) != as_string.queries)
+      return "string mode gave " + std::to_string(from_string.size()) + " queries, expected " +
+             std::to_string(as_string.queries);
+  }
+  if (!as_file.must_abort) {
+    std::FILE* f = std::tmpfile();
+    if (f == nullptr) return {};
+    std::fwrite(bytes.data(), 1, bytes.size(), f);
+    std::rewind(f);
+    QuerySplitter* qs = query_splitter_create_file(f);
+    if (qs == nullptr) return "file splitter could not be created";
+    from_file = drain(qs, as_file.queries + 1);
+    query_splitter_free(qs);
+    std::fclose(f);
+    if (static_cast<int>(from_file.size()) != as_file.queries)
+      return "file mode gave " + std::to_string(from_file.size()) + " queries, expected " +
+             std::to_string(as_file.queries);
+  }
+  if (skipped) *skipped = as_file.must_abort && as_string.must_abort;
+  const bool comparable = text.size() == bytes.size() && !as_file.unclassified &&
+                          !as_file.must_abort && !as_string.must_abort;
+  if (comparable && from_string != from_file) {
+    std::string why = "string and file mode cut differently:";
+    for (const auto& q : from_string) why += "\n  s[" + q + "]";
+    for (const auto& q : from_file) why += "\n  f[" + q + "]";
+    return why;
+  }
+  return {};
+}
+
+}  // namespace kest_fuzz

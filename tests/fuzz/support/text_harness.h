@@ -1,0 +1,240 @@
+// Hostile text into the parsers that take it: the settings-file parser, the logger's
+// configuration parser, the type and value readers, and the option scanner. None of them has a
+// specified abort, so any abort, sanitizer report or leak is a fault. Each check returns an empty
+// text when it holds, else what went wrong. Shared by the fuzz targets and the replay test.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fuzz/support/fuzz_common.h"
+#include "kernel/ltype.h"
+#include "kernel/s128.h"
+#include "tools/standalone_client/driver.h"
+#include "tools/standalone_client/options.h"
+#include "utils/context.h"
+#include "utils/mem.h"
+#include "utils/znconfig.h"
+#include "utils/znlog_config.h"
+
+namespace kest_fuzz {
+
+// ---- settings files ----
+
+// The client's view of a store: every property it reads, through the getters it uses.
+inline std::string client_view(ConfigLayer* c) {
+  auto text = [](const char* s) { return s ? std::string(s) : std::string("(null)"); };
+  return std::to_string(znconfig_get_lng(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_PORT)) + "|" +
+         text(znconfig_get_str(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_OUTPUT_MODE)) + "|" +
+         text(znconfig_get_str(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_HOST)) + "|" +
+         std::to_string(
+             znconfig_get_lng(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_CONNECTION_RETRIES)) +
+         "|" + text(znconfig_get_str(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_PASSFILE));
+}
+
+inline std::string parse_settings(const char* source, int is_file, int* errors) {
+  ConfigLayer* c = znconfig_create();
+  if (c == nullptr) return "(no store)";
+  *errors = znconfig_parse_config(c, source, is_file);
+  std::string view = client_view(c);
+  znconfig_free(c);
+  return view;
+}
+
+// A file of this process's own in the temporary directory, removed by the destructor.
+struct TempFile {
+  std::filesystem::path path;
+  explicit TempFile(std::string_view bytes) {
+    static const std::string tag = std::to_string(std::random_device{}());
+    path = std::filesystem::temp_directory_path() / ("kest_fuzz_" + tag + ".conf");
+    std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
+  }
+  ~TempFile() {
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored);
+  }
+};
+
+// The same settings read from a text and from a file (whose reader works in 4,000-byte blocks)
+// must leave the client with the same values and the same error count.
+inline std::string check_settings(const uint8_t* data, size_t size) {
+  fuzz_init();
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  const std::string prefix = text.substr(0, text.find('\0'));
+  int text_errors = 0, file_errors = 0;
+  const std::string from_text = parse_settings(prefix.c_str(), 0, &text_errors);
+  const TempFile file(prefix);
+  const std::string from_file = parse_settings(file.path.string().c_str(), 1, &file_errors);
+  if (from_text != from_file || text_errors != file_errors)
+    return "text and file differ: " + from_text + " (" + std::to_string(text_errors) +
+           " errors) / " + from_file + " (" + std::to_string(file_errors) + " errors)";
+  return {};
+}
+
+// ---- logger configuration ----
+
+inline std::string check_log_config(const uint8_t* data, size_t size) {
+  const LogConfig c = parse_log_config({reinterpret_cast<const char*>(data), size});
+  if (c.rule_count < 1 || c.rule_count > kMaxFacilityRules) return "rule count out of range";
+  for (int i = 0; i < c.rule_count; ++i) {
+    const FacilityRule& r = c.rules[i];
+    if (r.name[kFacilityNameMax] != 0) return "facility name not terminated";
+    if (r.level > 4 || r.colour > kColourDefault || r.outputs >= (1u << kLogOutputCount))
+      return "rule " + std::to_string(i) + " out of range";
+  }
+  for (const OutputStyle& s : c.styles)
+    if (s.stream != nullptr || s.time_mode > 2) return "output style out of range";
+  if (c.error_line < 0) return "negative error line";
+  (void)log_file_path(c, "logs");
+  return {};
+}
+
+// ---- types and values ----
+
+// __int128 reading of the same text as s128_from_string_ptr: optional '-', then digits.
+inline bool s128_model(const char* text, __int128* value) {
+  const bool negative = *text == '-';
+  if (negative) ++text;
+  unsigned __int128 v = 0;
+  const unsigned __int128 limit = (static_cast<unsigned __int128>(1) << 127) - (negative ? 0 : 1);
+  for (; *text >= '0' && *text <= '9'; ++text) {
+    const unsigned digit = static_cast<unsigned>(*text - '0');
+    if (v > (limit - digit) / 10) return false;
+    v = v * 10 + digit;
+  }
+  *value = negative ? static_cast<__int128>(-v) : static_cast<__int128>(v);
+  return true;
+}
+
+inline std::string check_s128(const char* text) {
+  s128 got{};
+  __int128 want = 0;
+  const bool fits = s128_model(text, &want);
+  const int overflow = s128_from_string_ptr(text, &got);
+  if (overflow != (fits ? 0 : 1)) {
+    // -2^127 itself may be refused: its magnitude is one past the positive range.
+    if (!(fits && want == static_cast<__int128>(static_cast<unsigned __int128>(1) << 127)))
+      return "overflow verdict " + std::to_string(overflow) + " for [" + text + "]";
+    return {};
+  }
+  if (!fits) return {};
+  const auto bits = static_cast<unsigned __int128>(want);
+  if (got.lo != static_cast<uint64_t>(bits) || got.hi != static_cast<int64_t>(bits >> 64))
+    return std::string("wrong value for [") + text + "]";
+  char back[48];
+  const int len = s128_to_string_ptr(back, sizeof back, &got);
+  s128 again{};
+  if (len <= 0 || len >= static_cast<int>(sizeof back) || s128_from_string_ptr(back, &again) != 0 ||
+      again.lo != got.lo || again.hi != got.hi)
+    return std::string("no round trip for [") + text + "]";
+  return {};
+}
+
+// The type texts a server may name, with parameters filled from the input.
+inline std::string type_text(uint8_t pick, uint8_t p1, uint8_t p2) {
+  static const char* const kNames[] = {
+      "bool",       "schr", "uchr",    "ssht",  "usht",    "sint",      "uint",
+      "slng",       "ulng", "s128",    "uidx",  "decimal", "flt4",      "flt8",
+      "money",      "char", "varchar", "date",  "time",    "timestamp", "intervalds",
+      "intervalym", "int",  "integer", "float", "double",  "str"};
+  const char* name = kNames[pick % (sizeof kNames / sizeof kNames[0])];
+  switch (pick / 32 % 4) {
+    case 0:
+      return name;
+    case 1:
+      return std::string(name) + "(" + std::to_string(p1 % 48) + ")";
+    default:
+      return std::string(name) + "(" + std::to_string(p1 % 48) + "," + std::to_string(p2 % 48) +
+             ")";
+  }
+}
+
+// Reads the text as a value of a type, prints it back, and reads the printed text again: the
+// second print must equal the first.
+inline std::string check_value(uint32_t type, const char* text) {
+  QueryContext* ctx = query_context_create(nullptr);
+  if (ctx == nullptr) return "no query context";
+  std::string why;
+  const char* first = value_normalise(ctx, type, text);
+  if (first != nullptr) {
+    const std::string once = first;
+    const char* second = value_normalise(ctx, type, once.c_str());
+    if (second == nullptr)
+      why = "printed value [" + once + "] of type " + std::to_string(type) + " does not read back";
+    else if (once != second)
+      why = "value [" + once + "] printed again as [" + second + "], type " + std::to_string(type);
+  }
+  query_context_destroy(ctx);
+  return why;
+}
+
+// Byte 0 picks the reader; for values bytes 1-3 pick the type; the rest is the text.
+inline std::string check_types(const uint8_t* data, size_t size) {
+  fuzz_init();
+  if (size < 4) return {};
+  const std::string rest(reinterpret_cast<const char*>(data) + 4, size - 4);
+  const std::string text = rest.substr(0, rest.find('\0'));
+  switch (data[0] % 3) {
+    case 0: {
+      const uint32_t type = ltype_parse(text.c_str());
+      char name[64];
+      const int len = ltype_to_string(name, type);
+      if (len < 0 || len >= 64 || std::strlen(name) != static_cast<size_t>(len))
+        return "type text of " + std::to_string(type) + " does not fit";
+      (void)ltype_display_width(type);
+      (void)ltype_digits(type);
+      return {};
+    }
+    case 1:
+      return check_s128(text.c_str());
+    default:
+      return check_value(ltype_parse(type_text(data[1], data[2], data[3]).c_str()), text.c_str());
+  }
+}
+
+// ---- options ----
+
+// The arguments are the NUL-separated pieces of the input, after the program name.
+inline std::string check_options(const uint8_t* data, size_t size) {
+  std::vector<std::string> args{"kest_client"};
+  std::string piece;
+  for (size_t i = 0; i < size; ++i) {
+    if (data[i] == 0) {
+      args.push_back(piece);
+      piece.clear();
+    } else {
+      piece += static_cast<char>(data[i]);
+    }
+  }
+  if (!piece.empty()) args.push_back(piece);
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  const int argc = static_cast<int>(args.size());
+  get_option_reset();
+  // Every call consumes an argument or a letter of a cluster.
+  const size_t bound = size + args.size() + 2;
+  for (size_t step = 0;; ++step) {
+    if (step > bound) return "the scan does not end";
+    const char* optarg = nullptr;
+    const int letter = get_option(argc, argv.data(), kest_client_options, &optarg);
+    // The run stops at a refusal (and "-?" asks for the usage text, which ends it too).
+    if (letter == GET_OPTION_END || letter == GET_OPTION_REFUSED) break;
+    const LongOption* o = kest_client_options;
+    while (o->name && o->letter != letter) ++o;
+    if (o->name == nullptr) return "unknown letter " + std::to_string(letter);
+    if ((optarg != nullptr) != (o->has_arg != 0))
+      return std::string("value presence wrong for -") + static_cast<char>(letter);
+    if (letter == 'o' && client_output_mode_code(optarg) > 3) return "output mode out of range";
+  }
+  return {};
+}
+
+}  // namespace kest_fuzz
