@@ -31,7 +31,9 @@ struct ProcessResult {
   std::string out;  // everything the child wrote to standard output
   std::string err;  // everything the child wrote to standard error
   // True when the child ended by returning from main or calling exit (not by a signal, a crash,
-  // the time limit, or a failure to start).
+  // the time limit, or a failure to start). On Windows abort() is an exit with status 3 (the C
+  // runtime's own), which cannot be told apart from `return 3`; only exception codes
+  // (0xCxxxxxxx) count as crashes there.
   bool exited = false;
   // The exit status as the program returned it, read as a signed byte, the same on every
   // platform: `return -1` from main gives -1, `return 0` gives 0. Meaningful when `exited`.
