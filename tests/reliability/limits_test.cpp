@@ -123,6 +123,23 @@ TEST_F(Limits, ErrorCodes) {
   EXPECT_THAT(r.out, HasSubstr("Error: Unknown error code 184 (no parameters)"));
 }
 
+// An error record's parameter count must match the parameters the frame holds.
+TEST_F(Limits, ErrorParameterCount) {
+  auto record = [](uint32_t count) {
+    return frame(be32(0xFFFFFFFFu) + be32(100000) + be32(count) + var("a") + var("b") + var("c"));
+  };
+  for (uint32_t count : {2u, 3u}) {
+    const ProcessResult r = answer_with(record(count));
+    ASSERT_TRUE(r.exited) << count;
+    EXPECT_EQ(r.status, -1);
+    EXPECT_THAT(r.out, HasSubstr(count == 2 ? "(parameters: 'a', 'b')\n"
+                                            : "(parameters: 'a', 'b', 'c')\n"));
+  }
+  const ProcessResult over = answer_with(record(4));
+  EXPECT_TRUE(aborted(over));
+  EXPECT_THAT(over.err, HasSubstr("assertion \"pos + len <= buf->used\" failed"));
+}
+
 // The authentication key is the first 64 bytes of the key file; the query carries it.
 TEST_F(Limits, KeyBytes) {
   namespace fs = std::filesystem;
