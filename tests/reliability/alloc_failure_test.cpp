@@ -41,6 +41,11 @@ struct AllocShim {
 };
 thread_local AllocShim shim;
 
+}  // namespace
+
+#ifdef KEST_ALLOC_SHIM
+namespace {
+
 // True when this attempt is the one to fail.
 bool take_attempt() {
   if (!shim.armed) return false;
@@ -49,7 +54,6 @@ bool take_attempt() {
 
 }  // namespace
 
-#ifdef KEST_ALLOC_SHIM
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
@@ -85,6 +89,7 @@ namespace {
 
 using Operation = void (*)();
 
+#ifdef KEST_ALLOC_SHIM
 // Runs `op` armed to fail attempt `fail_at` (0: none); returns the attempts it made and, in
 // `live`, what it left allocated.
 long run_armed(Operation op, long fail_at, long* live) {
@@ -113,6 +118,8 @@ long run_armed(Operation op, long fail_at, long* live) {
 bool clean_exit_or_abort(int status) {
   return testing::ExitedWithCode(0)(status) || testing::KilledBySignal(SIGABRT)(status);
 }
+
+#endif
 
 // Every failure point of `op`, each in its own child.
 void fail_each_allocation(Operation op) {

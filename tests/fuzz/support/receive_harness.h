@@ -44,6 +44,11 @@ namespace kest_fuzz {
 // so such inputs are skipped rather than judged.
 constexpr int64_t kAreaBudget = int64_t{8} << 20;
 
+// Rows printed per input, all data messages together. A result of only constant columns, or of
+// none, announces its row count without bytes to back it, so a 12-byte message may ask for two
+// billion printed rows: correct, but not in a fuzzer's time limit.
+constexpr int64_t kRowBudget = int64_t{1} << 18;
+
 enum class StreamVerdict { kRuns, kMustAbort, kOverBudget, kMismatchedTypes };
 
 // A column whose logical type the value printer cannot read from its physical type: the
@@ -215,6 +220,12 @@ inline bool model_data(std::string_view body, const std::vector<ModelColumn>& co
     }
   }
   m->rows.push_back(rows);
+  int64_t printed = 0;
+  for (int64_t r : m->rows) printed += r > 0 ? r : 0;
+  if (printed > kRowBudget) {
+    m->verdict = StreamVerdict::kOverBudget;
+    return false;
+  }
   return true;
 }
 
