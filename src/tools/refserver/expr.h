@@ -16,6 +16,7 @@
 //     give "bool". && || ! take "bool" with three-valued logic for nulls.
 //   - nullif(a, b) is a, or null where a equals b; its column is nullable.
 //   - asdbl(d) sends the decimal d with the physical type "dbl" (its unscaled value as a double).
+//   - concat(a, b) and substr(s, start[, length]) work on text (text_funcs.h).
 // Any operand that is null makes the result null (except the logic noted above). An expression
 // that depends on no column is evaluated once while compiling and sent as a constant column.
 #pragma once
@@ -43,7 +44,7 @@ struct Batch {
 };
 
 struct CExpr {
-  enum class Op { column, constant, cast, arith, negate, compare, logic, nullif };
+  enum class Op { column, constant, cast, arith, negate, compare, logic, nullif, text };
   Op op = Op::constant;
   ColumnType type;
   size_t column = 0;   // column

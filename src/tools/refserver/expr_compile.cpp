@@ -7,6 +7,7 @@
 #include "tools/refserver/cast.h"
 #include "tools/refserver/expr.h"
 #include "tools/refserver/query_error.h"
+#include "tools/refserver/text_funcs.h"
 #include "utils/kest_error.h"
 
 namespace {
@@ -174,7 +175,8 @@ CExpr compile_expr(QueryContext* ctx, const Expr& expr, const Schema& input) {
   } else {
     std::vector<CExpr> args;
     for (const Expr& a : expr.args) args.push_back(compile_expr(ctx, a, input));
-    e = refserver_detail::compile_operator(ctx, expr, std::move(args));
+    e = is_text_function(name) ? compile_text_function(ctx, expr, std::move(args))
+                               : refserver_detail::compile_operator(ctx, expr, std::move(args));
   }
   const bool folds = e.op != CExpr::Op::constant &&
                      std::all_of(e.args.begin(), e.args.end(),

@@ -5,6 +5,7 @@
 #include "tools/refserver/cast.h"
 #include "tools/refserver/expr.h"
 #include "tools/refserver/query_error.h"
+#include "tools/refserver/text_funcs.h"
 #include "utils/kest_error.h"
 
 namespace {
@@ -325,6 +326,11 @@ Vector eval_expr(QueryContext* ctx, const CExpr& e, const Batch& batch) {
     all_const = all_const && args.back().is_const;
   }
   const size_t n = all_const ? 1 : batch.rows;
+  if (e.op == CExpr::Op::text) {
+    Vector v = eval_text_function(ctx, e, args, n);
+    v.is_const = all_const;
+    return v;
+  }
   Out out{make_vector(e.type, n)};
   for (size_t i = 0; i < n; ++i) eval_row(ctx, e, args, i, out);
   out.v.is_const = all_const;
