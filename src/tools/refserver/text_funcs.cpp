@@ -1,6 +1,7 @@
 #include "tools/refserver/text_funcs.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include "kernel/ltype.h"
 #include "tools/refserver/cast.h"
@@ -17,15 +18,16 @@ bool is_integer(uint32_t type) {
   return id >= LTYPE_SCHR && id <= LTYPE_UIDX;
 }
 
-// A one-character "char" is held as its code point, every other text as the text itself.
-std::string text_at(const Vector& v, size_t i) {
-  return value_form(v.type.ltype) == ValueForm::text
-             ? v.texts[v.at(i)]
-             : utf8_of(static_cast<int32_t>(v.ints[v.at(i)]));
+// A one-character "char" is held as its code point (spelled out in `scratch`), every other
+// text as the text itself. The view lives as long as `v` and `scratch`.
+std::string_view text_at(const Vector& v, size_t i, std::string& scratch) {
+  if (value_form(v.type.ltype) == ValueForm::text) return v.texts[v.at(i)];
+  scratch = utf8_of(static_cast<int32_t>(v.ints[v.at(i)]));
+  return scratch;
 }
 
 // Byte offset of code point `n` (from 0) of the UTF-8 text `s`, or s.size() when it has fewer.
-size_t offset_of(const std::string& s, i128 n) {
+size_t offset_of(std::string_view s, i128 n) {
   size_t at = 0;
   for (; at < s.size() && n > 0; --n) {
     ++at;
@@ -36,7 +38,7 @@ size_t offset_of(const std::string& s, i128 n) {
 
 // Code points [start, start + length) of `s`, counting from 1 and clipped to the text; without
 // a length, everything from `start` on.
-std::string substr_of(QueryContext* ctx, const std::string& s, i128 start, const i128* length) {
+std::string_view substr_of(QueryContext* ctx, std::string_view s, i128 start, const i128* length) {
   if (length && *length < 0) {
     query_fail(ctx, KEST_ERR_OUT_OF_RANGE, {i128_text(*length), "substr length"});
   }
@@ -48,13 +50,20 @@ std::string substr_of(QueryContext* ctx, const std::string& s, i128 start, const
   return s.substr(from, offset_of(s, last) - from);
 }
 
-std::string row_value(QueryContext* ctx, const CExpr& e, const std::vector<Vector>& args,
-                      size_t i) {
-  if (e.symbol == "concat") return text_at(args[0], i) + text_at(args[1], i);
+// Row i of the call, appended to `out` (empty on entry).
+void row_value(QueryContext* ctx, const CExpr& e, const std::vector<Vector>& args, size_t i,
+               std::string& out) {
+  std::string scratch0, scratch1;
+  const std::string_view s = text_at(args[0], i, scratch0);
+  if (e.symbol == "concat") {
+    const std::string_view t = text_at(args[1], i, scratch1);
+    out.reserve(s.size() + t.size());
+    out.append(s).append(t);
+    return;
+  }
   const i128 start = args[1].ints[args[1].at(i)];
-  if (args.size() == 2) return substr_of(ctx, text_at(args[0], i), start, nullptr);
-  const i128 length = args[2].ints[args[2].at(i)];
-  return substr_of(ctx, text_at(args[0], i), start, &length);
+  const i128 length = args.size() == 3 ? args[2].ints[args[2].at(i)] : 0;
+  out.append(substr_of(ctx, s, start, args.size() == 3 ? &length : nullptr));
 }
 
 }  // namespace
@@ -97,7 +106,7 @@ Vector eval_text_function(QueryContext* ctx, const CExpr& e, const std::vector<V
       append_null(out);
       continue;
     }
-    out.texts.push_back(row_value(ctx, e, args, i));
+    row_value(ctx, e, args, i, out.texts.emplace_back());
     if (out.type.nullable) out.nulls.push_back(0);
     ++out.rows;
   }
