@@ -1,5 +1,6 @@
 #include "kernel/number_text.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -101,7 +102,119 @@ int uint64_to_string(char* buffer, size_t size, uint64_t value) {
   return bounded_copy(buffer, size, text, static_cast<size_t>(r.ptr - text));
 }
 
+namespace {
+
+// 10^0 to 10^22, the scales that keep a 53-bit mantissa times 10^s below 2^127.
+constexpr auto kPow10Wide = [] {
+  std::array<unsigned __int128, 23> t{};
+  t[0] = 1;
+  for (size_t i = 1; i < t.size(); ++i) t[i] = t[i - 1] * 10;
+  return t;
+}();
+
+// The digits of "%.16g" for magnitudes from 1e-7 to 1e16, where the exact value times a power of
+// ten fits 128 bits: D = the value * 10^s rounded half to even, 10^15 <= D < 10^16, and the
+// decimal exponent 15 - s. The general-precision path of std::to_chars costs several times
+// more, and a column of doubles is common. Returns false for the values it does not cover.
+bool g16_digits(double a, uint64_t* digits, int* exponent) {
+  uint64_t bits;
+  std::memcpy(&bits, &a, sizeof bits);
+  const int biased = static_cast<int>(bits >> 52 & 0x7FF);
+  if (biased == 0 || (bits >> 63) != 0) return false;  // zero, subnormal or negative
+  const uint64_t m = (bits & ((uint64_t{1} << 52) - 1)) | uint64_t{1} << 52;
+  const int q = biased - 1075;  // a = m * 2^q
+  if (q >= 0) {                 // an integer: exact when it has at most 16 digits
+    if (q > 11 || (m << q) >= kPow10[16]) return false;
+    uint64_t d = m << q;
+    int e = count_digits(d) - 1;
+    *digits = d * kPow10[15 - e];
+    *exponent = e;
+    return true;
+  }
+  const int k = -q;
+  if (k > 127) return false;
+  // floor(log10(a)) is floor((q + 52) * log10(2)) or one more; 78913 / 2^18 is log10(2) closely
+  // enough for these exponents (the shift floors negative products too).
+  int e = ((q + 52) * 78913) >> 18;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    const int s = 15 - e;
+    if (s < 0 || s > 22) return false;
+    const unsigned __int128 n = static_cast<unsigned __int128>(m) * kPow10Wide[s];  // < 2^127
+    const unsigned __int128 whole = n >> k;
+    if (whole >= kPow10[16]) {
+      ++e;
+      continue;
+    }
+    if (whole < kPow10[15]) return false;  // the estimate is never above the exponent
+    uint64_t d = static_cast<uint64_t>(whole);
+    const unsigned __int128 rest = n - (whole << k);
+    const unsigned __int128 half = static_cast<unsigned __int128>(1) << (k - 1);
+    if (rest > half || (rest == half && (d & 1))) ++d;
+    if (d == kPow10[16]) {
+      d = kPow10[15];
+      ++e;
+    }
+    *digits = d;
+    *exponent = e;
+    return true;
+  }
+  return false;
+}
+
+constexpr char kTwoDigits[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+// v < 10^8 as exactly eight digits.
+void put_eight_digits(char* p, uint32_t v) {
+  for (int i = 3; i >= 0; --i, v /= 100) std::memcpy(p + 2 * i, kTwoDigits + 2 * (v % 100), 2);
+}
+
+// "%.16g" of 16 significant digits and a decimal exponent: fixed notation for exponents from -4
+// to 15, else d.ddde-XX; trailing zeros of the fraction dropped.
+char* put_g16(char* p, uint64_t digits, int e) {
+  char d[16];
+  put_eight_digits(d, static_cast<uint32_t>(digits / 100000000));
+  put_eight_digits(d + 8, static_cast<uint32_t>(digits % 100000000));
+  int n = 16;
+  while (n > 1 && d[n - 1] == '0') --n;
+  if (e >= 16 || e < -4) {
+    *p++ = d[0];
+    if (n > 1) *p++ = '.';
+    for (int i = 1; i < n; ++i) *p++ = d[i];
+    *p++ = 'e';
+    *p++ = e < 0 ? '-' : '+';
+    const int x = e < 0 ? -e : e;
+    *p++ = static_cast<char>('0' + x / 10);
+    *p++ = static_cast<char>('0' + x % 10);
+    return p;
+  }
+  if (e < 0) {
+    *p++ = '0';
+    *p++ = '.';
+    for (int i = -1; i > e; --i) *p++ = '0';
+    for (int i = 0; i < n; ++i) *p++ = d[i];
+    return p;
+  }
+  for (int i = 0; i <= e; ++i) *p++ = d[i];
+  if (n > e + 1) *p++ = '.';
+  for (int i = e + 1; i < n; ++i) *p++ = d[i];
+  return p;
+}
+
+}  // namespace
+
 int double_to_string(char* buffer, size_t size, double value) {
+  uint64_t digits;
+  int exponent;
+  if (g16_digits(std::fabs(value), &digits, &exponent)) {
+    char text[32];
+    char* p = text;
+    if (std::signbit(value)) *p++ = '-';
+    p = put_g16(p, digits, exponent);
+    return bounded_copy(buffer, size, text, static_cast<size_t>(p - text));
+  }
   return float_text(buffer, size, value, "%.16g", [](char* first, char* last, double v) {
     return std::to_chars(first, last, v, std::chars_format::general, 16);
   });

@@ -251,6 +251,48 @@ TEST(PlainFloats, MatchPrintfOverRandomSample) {
   }
 }
 
+// Doubles from 1e-8 to 1e17 take a direct path: random mantissas at every binary exponent of
+// that range, exact halves at the sixteenth digit (ties go to even), and the edges where the
+// digit count or the notation changes.
+TEST(PlainFloats, DirectRangeMatchesPrintf) {
+  std::vector<double> v = {1234567890123456.5,
+                           1234567890123457.5,
+                           -1234567890123456.5,
+                           999999999999999.95,
+                           9999999999999998.0,
+                           9999999999999999.0,
+                           1e15,
+                           1e16,
+                           4503599627370496.0,
+                           9007199254740993.0,
+                           0.0001,
+                           0.00009999999999999999,
+                           1e-5,
+                           1e-7,
+                           9.9999999999999995e-8,
+                           1.0 / 7,
+                           142856.7142857143,
+                           0.5,
+                           1.0,
+                           2.0,
+                           10.0};
+  std::mt19937_64 rng(test_seed());
+  for (int exp2 = -28; exp2 <= 57; ++exp2) {
+    for (int i = 0; i < 400; ++i) {
+      const double mantissa = 1.0 + static_cast<double>(rng() >> 12) / 4503599627370496.0;
+      v.push_back(std::ldexp(rng() & 1 ? mantissa : -mantissa, exp2));
+    }
+  }
+  for (int i = 0; i < 20000; ++i) v.push_back(static_cast<double>(rng() % 100000000) / 7.0);
+  for (double d : v) {
+    char expected[64], got[64];
+    std::snprintf(expected, sizeof expected, "%.16g", d);
+    ASSERT_EQ(double_to_string(got, sizeof got, d), static_cast<int>(std::strlen(expected)))
+        << expected;
+    ASSERT_STREQ(got, expected);
+  }
+}
+
 TEST(PlainFloats, RandomFloatBitPatterns) {
   std::mt19937_64 rng(test_seed());
   for (int i = 0; i < 50000; ++i) {
