@@ -19,6 +19,34 @@ namespace {
 constexpr const char* kFacility = "KESTCLIENT";
 constexpr uint32_t kStatusError = 0xFFFFFFFFu;
 
+// The texts of one variable-size column for one message, end to end in one block that every
+// message of the query reuses. The bytes of a column's values never exceed what is left of the
+// message, so the block is sized for that before the first value and never moves while filled.
+// Plain heap blocks, like the rest of the query's arrays: running out of memory is an assertion.
+struct TextArea {
+  char* bytes;
+  size_t size;
+};
+TextArea* text_areas = nullptr;  // one per column of the current query, freed by queryres_free
+
+char* text_room(int32_t column, size_t need) {
+  TextArea& area = text_areas[column];
+  if (area.size < need) {
+    free(area.bytes);
+    area.bytes = static_cast<char*>(malloc(need));
+    KEST_ASSERT(kFacility, area.bytes);
+    area.size = need;
+  }
+  return area.bytes;
+}
+
+void free_text_areas() {
+  for (int32_t i = 0; text_areas && queryres.name && queryres.name[i]; ++i)
+    free(text_areas[i].bytes);
+  free(text_areas);
+  text_areas = nullptr;
+}
+
 template <typename T>
 T* alloc_array(int64_t count) {
   return count < 0 ? nullptr : static_cast<T*>(calloc(static_cast<size_t>(count) + 1, sizeof(T)));
@@ -33,6 +61,8 @@ void allocate_columns(int32_t n) {
   queryres.data = alloc_array<void*>(n);
   KEST_ASSERT(kFacility, queryres.name && queryres.type && queryres.ltype && queryres.isconst &&
                              queryres.width && queryres.data);
+  text_areas = alloc_array<TextArea>(n);
+  KEST_ASSERT(kFacility, text_areas);
 }
 
 void read_names(NetBuffer* netbuf, int32_t n) {
@@ -83,24 +113,13 @@ void read_column(NetBuffer* netbuf, int32_t column, int64_t rows) {
     NetBufferGet(netbuf, queryres.data[column], k * queryres.width[column]);
     return;
   }
-  // The printer reads each value as a terminated string, so each buffer keeps room for a zero.
+  // The printer reads each value as a terminated string: each keeps room for a zero.
   auto** values = static_cast<char**>(queryres.data[column]);
+  const auto left = static_cast<size_t>(netbuf->used - netbuf->pos);
+  char* next = text_room(column, left + static_cast<size_t>(k));
   for (int64_t j = 0; j < k; ++j) {
-    const int64_t len = NetBufferGetLen(netbuf);
-    char* value = static_cast<char*>(malloc(static_cast<size_t>(len) + 1));
-    KEST_ASSERT(kFacility, value);
-    NetBufferGetStr(netbuf, value);
-    values[j] = value;
-  }
-}
-
-void free_values(int32_t column, int64_t rows) {
-  if (is_fixed(column)) return;
-  const int64_t k = queryres.isconst[column] ? 1 : rows;
-  auto** values = static_cast<char**>(queryres.data[column]);
-  for (int64_t j = 0; j < k; ++j) {
-    free(values[j]);
-    values[j] = nullptr;
+    values[j] = next;
+    next += NetBufferGetStr(netbuf, next) + 1;
   }
 }
 
@@ -177,7 +196,6 @@ int64_t receive_data(ClientConnection* connection) {
   for (int32_t i = 0; queryres.name && queryres.name[i]; ++i) read_column(netbuf, i, rows);
   if (print_results && queryres.printer)
     printer_rows(queryres.printer, queryres.data, nullptr, rows);
-  for (int32_t i = 0; queryres.name && queryres.name[i]; ++i) free_values(i, rows);
   return rows;
 }
 
@@ -235,6 +253,7 @@ std::string server_error_text(const ErrorRecord* record) {
 }
 
 void queryres_free() {
+  free_text_areas();
   for (int32_t i = 0; queryres.name && queryres.name[i]; ++i) {
     free(queryres.name[i]);
     free(queryres.data[i]);
