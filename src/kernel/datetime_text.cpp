@@ -35,6 +35,11 @@ char* put_int(char* p, int64_t v, int width) {
     std::memcpy(p, kTwoDigits + 2 * v, 2);
     return p + 2;
   }
+  if (v >= 0 && v < 10000 && width == 4) {  // the years of most dates
+    std::memcpy(p, kTwoDigits + 2 * (v / 100), 2);
+    std::memcpy(p + 2, kTwoDigits + 2 * (v % 100), 2);
+    return p + 4;
+  }
   uint64_t a = static_cast<uint64_t>(v);
   if (v < 0) {
     *p++ = '-';

@@ -32,6 +32,11 @@ constexpr uint64_t kPow10[20] = {1ull,
                                  1000000000000000000ull,
                                  10000000000000000000ull};
 
+constexpr char kTwoDigits[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
 int count_digits(uint64_t a) {
   int n = 1;
   while (n < 20 && a >= kPow10[n]) ++n;
@@ -42,16 +47,20 @@ int count_digits(uint64_t a) {
 void write_decimal_backwards(char* end, uint64_t a, int scale, bool negative) {
   char* p = end;
   if (scale > 0) {
-    for (int i = 0; i < scale; ++i) {
+    int i = 0;
+    for (; i + 2 <= scale; i += 2, a /= 100) std::memcpy(p -= 2, kTwoDigits + 2 * (a % 100), 2);
+    if (i < scale) {
       *--p = static_cast<char>('0' + a % 10);
       a /= 10;
     }
     *--p = '.';
   }
-  do {
-    *--p = static_cast<char>('0' + a % 10);
-    a /= 10;
-  } while (a);
+  for (; a >= 100; a /= 100) std::memcpy(p -= 2, kTwoDigits + 2 * (a % 100), 2);
+  if (a >= 10) {
+    std::memcpy(p -= 2, kTwoDigits + 2 * a, 2);
+  } else {
+    *--p = static_cast<char>('0' + a);
+  }
   if (negative) *--p = '-';
 }
 
@@ -160,11 +169,6 @@ bool g16_digits(double a, uint64_t* digits, int* exponent) {
   }
   return false;
 }
-
-constexpr char kTwoDigits[] =
-    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-    "8081828384858687888990919293949596979899";
 
 // v < 10^8 as exactly eight digits.
 void put_eight_digits(char* p, uint32_t v) {
