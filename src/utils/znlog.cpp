@@ -3,6 +3,7 @@
 #include "utils/znlog.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -176,15 +177,27 @@ void write_line(Logger& l, const OutputStyle& style, const FacilityRule& rule, c
   build_prefix(p, l, style, rule, m);
   const bool newline = m.length > 0 && m.text[m.length - 1] != '\n';
   // Written as "%s%s%s" would write it, but with fwrite: some C runtimes push every formatted
-  // write through to the file, which would defeat the stream's buffering.
-  const auto put = [&](std::string_view piece) {
-    std::fwrite(piece.data(), 1, piece.size(), style.stream);
-  };
+  // write through to the file, which would defeat the stream's buffering. A line that fits is
+  // put together first and written with one call, so an unbuffered stream (standard error)
+  // gets one write per line rather than one per piece.
+  const std::string_view pieces[] = {p.view(), std::string_view(m.text),
+                                     style.color ? "\x1b[m" : "", newline ? "\n" : ""};
+  char line[1024];
+  size_t used = 0;
+  for (std::string_view piece : pieces) {
+    if (used + piece.size() > sizeof line) {
+      used = SIZE_MAX;
+      break;
+    }
+    std::memcpy(line + used, piece.data(), piece.size());
+    used += piece.size();
+  }
   LockGuard guard(l.output_lock);
-  put(p.view());
-  put(m.text);
-  if (style.color) put("\x1b[m");
-  if (newline) put("\n");
+  if (used != SIZE_MAX) {
+    std::fwrite(line, 1, used, style.stream);
+  } else {
+    for (std::string_view piece : pieces) std::fwrite(piece.data(), 1, piece.size(), style.stream);
+  }
   if (style.flush) std::fflush(style.stream);
 }
 
