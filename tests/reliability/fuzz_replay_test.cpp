@@ -123,4 +123,46 @@ TEST(FuzzReplay, ModelReadsTheRowCountsOfAWellFormedStream) {
   EXPECT_EQ(run.printed, "16843009\n16843009\n33686018\n33686018\n33686018\n");
 }
 
+// The model must not skip more than it should: every kind of stream it rules out really ends
+// the client through one of the specified assertion reports.
+TEST(FuzzReplayDeathTest, StreamsTheModelRulesOutReallyAbort) {
+  kest_fuzz::fuzz_init();
+  auto be32 = [](uint32_t v) {
+    return std::string{char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
+  };
+  auto frame = [&](const std::string& body) { return be32(uint32_t(body.size() + 4)) + body; };
+  auto col = [&](const std::string& ltype, const std::string& ptype) {
+    return be32(0) + char(ltype.size()) + ltype + char(ptype.size()) + ptype;
+  };
+  const std::string one_int = frame(be32(0) + be32(1) + be32(4) +
+                                    "\x01"
+                                    "a" +
+                                    col("sint", "sint"));
+  const std::vector<std::pair<const char*, std::string>> streams = {
+      {"name past the frame", frame(be32(0) + be32(1) + be32(4) +
+                                    "\x09"
+                                    "a")},
+      {"type text of 64 bytes", frame(be32(0) + be32(1) + be32(4) +
+                                      "\x01"
+                                      "a" +
+                                      col(std::string(64, 't'), "sint"))},
+      {"unknown physical type", frame(be32(0) + be32(1) + be32(4) +
+                                      "\x01"
+                                      "a" +
+                                      col("sint", "nosuch"))},
+      {"negative column count", frame(be32(0) + be32(0xFFFFFFFFu) + be32(4))},
+      {"short column block", one_int + frame(be32(0) + be32(2) + std::string(5, 'x'))},
+      {"error parameters past the frame", frame(be32(0xFFFFFFFFu) + be32(1) + be32(3) +
+                                                "\x01"
+                                                "p")},
+  };
+  for (const auto& [name, stream] : streams) {
+    ASSERT_EQ(kest_fuzz::model_stream(stream).verdict, kest_fuzz::StreamVerdict::kMustAbort)
+        << name;
+    EXPECT_DEATH(kest_fuzz::run_reception(stream, OUTPUT_ASCII, {false, 0}),
+                 "assertion \".*\" failed|Unknown type: ")
+        << name;
+  }
+}
+
 }  // namespace
