@@ -132,8 +132,8 @@ TEST_F(Limits, ErrorParameterCount) {
     const ProcessResult r = answer_with(record(count));
     ASSERT_TRUE(r.exited) << count;
     EXPECT_EQ(r.status, -1);
-    EXPECT_THAT(r.out, HasSubstr(count == 2 ? "(parameters: 'a', 'b')\n"
-                                            : "(parameters: 'a', 'b', 'c')\n"));
+    EXPECT_THAT(r.out,
+                HasSubstr(count == 2 ? "(parameters: 'a', 'b')" : "(parameters: 'a', 'b', 'c')"));
   }
   const ProcessResult over = answer_with(record(4));
   EXPECT_TRUE(aborted(over));
