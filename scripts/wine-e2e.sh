@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# The Windows client, under wine, against the Linux reference server: every case runs through
+# both clients, and the Windows output (text-mode line ends folded back to "\n") must equal the
+# Linux output byte for byte, with a failing exit status on exactly the same cases.
+# Usage: scripts/wine-e2e.sh [LINUX_BUILD_DIR] [WINDOWS_BUILD_DIR]
+set -uo pipefail
+cd "$(dirname "$0")/.."
+linux=${1:-build/release}
+windows=${2:-build/windows}
+for f in "$linux/kest_refserver" "$linux/kest_client" "$windows/kest_client.exe"; do
+  [ -x "$f" ] || [ -f "$f" ] || { echo "missing $f: build the release and windows presets first" >&2; exit 2; }
+done
+
+work=$(mktemp -d)
+"$linux/kest_refserver" -P 0 >"$work/server.out" 2>/dev/null &
+server=$!
+trap 'kill "$server" 2>/dev/null; wait "$server" 2>/dev/null; rm -rf "$work"' EXIT
+for _ in $(seq 100); do grep -q '^listening on ' "$work/server.out" && break; sleep 0.1; done
+port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/server.out")
+[ -n "$port" ] || { echo "the reference server did not start" >&2; exit 2; }
+
+table="$(sed -n '/^Project(Array(\[i=4\])/,/^\]);/p' scripts/demo.kest)"
+types="Project(Array([i=3]), [b = bool(i), c = schr(-(i, 1)), u = uchr(i), s = ssht(i), us = usht(i),
+  l = slng(i), ul = ulng(i), x = s128(i), ix = uidx(i), f = flt(/(dbl(i), 4)), d = decimal('-1.05'),
+  m = money('3.10'), ch = char('é'), t = time('12:34:56'), ts = timestamp('2024-02-29 23:59:59'),
+  ds = intervalds('-1 01:01:01'), ym = intervalym('2-03'), dt = date('2024-02-29')]);"
+
+pass=0; fail=0
+check() {  # check NAME STDIN ARGS...
+  local name=$1 input=$2; shift 2
+  local lin_status win_status
+  printf '%s' "$input" | timeout 60 "$linux/kest_client" -h 127.0.0.1 -P "$port" "$@" \
+    >"$work/lin" 2>/dev/null
+  lin_status=$?
+  printf '%s' "$input" | timeout 120 scripts/wine-run "$windows/kest_client.exe" \
+    -h 127.0.0.1 -P "$port" "$@" 2>/dev/null | tr -d '\r' >"$work/win"
+  win_status=${PIPESTATUS[1]}
+  if cmp -s "$work/lin" "$work/win" && [ $((lin_status == 0)) -eq $((win_status == 0)) ]; then
+    pass=$((pass + 1)); echo "ok   $name"
+  else
+    fail=$((fail + 1)); echo "FAIL $name (linux status $lin_status, windows status $win_status)"
+    diff "$work/lin" "$work/win" | head -20
+  fi
+}
+
+check "ascii table"        "" -n -e "$table"
+check "unicode table"      "" -u -e "$table"
+check "raw values"         "" -r -e "$table"
+check "html table"         "" -o html -e "Select(Array([x=3, y=3]), <(x, y))"
+check "every type"         "" -n -e "$types"
+check "script from file"   "" -n -i -f scripts/demo.kest
+check "script from stdin"  "Array([i=2]); Array([j=1]);" -n
+check "server error"       "" -n -e "Project(Array([i=1]), [z = /(1, -(i, i))])"
+check "parse error"        "" -n -e "Project(Array([i=1]),"
+check "ping"               "" -p
+check "unknown option"     "" -x
+
+echo "$pass passed, $fail failed"
+[ "$fail" -eq 0 ]
