@@ -144,6 +144,8 @@ TEST(FuzzReplayDeathTest, StreamsTheModelRulesOutReallyAbort) {
       {"name past the frame", frame(be32(0) + be32(1) + be32(4) + char(9) + "a"), "assertion"},
       {"type text of 64 bytes", one_column(std::string(64, 't'), "sint"), "assertion"},
       {"unknown physical type", one_column("sint", "nosuch"), "Unknown type: nosuch"},
+      {"money in a four-byte column", one_column("money", "sint"),
+       "LTYPE_MONEY .. queryres.width.i. >= 8"},
       {"negative column count", frame(be32(0) + be32(0xFFFFFFFFu) + be32(4)), "assertion"},
       {"short column block",
        one_column("sint", "sint") + frame(be32(0) + be32(2) + std::string(5, 'x')), "assertion"},

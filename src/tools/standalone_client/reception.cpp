@@ -90,6 +90,9 @@ void read_column_type(NetBuffer* netbuf, int32_t i, int64_t vector_size) {
   }
   queryres.type[i] = type;
   queryres.width[i] = ptype_width(type);
+  // A money value is always read as an 8-byte double, whatever column carries it: a narrower
+  // column would be read past its values. Malformed, like a field running past its frame.
+  KEST_ASSERT(kFacility, ltype_id(queryres.ltype[i]) != LTYPE_MONEY || queryres.width[i] >= 8);
   const int64_t values = queryres.isconst[i] ? 1 : vector_size;
   if (values >= 0 && queryres.width[i] > 0)
     queryres.data[i] =
