@@ -244,9 +244,9 @@ std::vector<char*> c_strings(std::vector<std::string>& strings) {
 
 // Moves data between the parent and the child until both output pipes close or the deadline.
 // False when the deadline passed.
-bool pump(Fd& in, Fd& out, Fd& err, const std::string& input, ProcessResult* r,
+// `written` counts the input bytes already written, across calls.
+bool pump(Fd& in, Fd& out, Fd& err, const std::string& input, size_t& written, ProcessResult* r,
           std::chrono::steady_clock::time_point deadline) {
-  size_t written = 0;
   while (out.fd >= 0 || err.fd >= 0) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
@@ -313,8 +313,15 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
   fcntl(in_w.fd, F_SETFL, fcntl(in_w.fd, F_GETFL) | O_NONBLOCK);
   const std::string input = options.stdin_text.value_or("");
   if (input.empty()) in_w.close();
-  const auto deadline = std::chrono::steady_clock::now() + options.time_limit;
-  if (!pump(in_w, out_r, err_r, input, &r, deadline)) {
+  size_t written = 0;
+  const auto start = std::chrono::steady_clock::now();
+  const auto deadline = start + options.time_limit;
+  if (options.interrupt_after.count() > 0 && options.interrupt_after < options.time_limit &&
+      !pump(in_w, out_r, err_r, input, written, &r, start + options.interrupt_after)) {
+    kill(pid, SIGINT);
+    r.interrupted = true;
+  }
+  if (!pump(in_w, out_r, err_r, input, written, &r, deadline)) {
     kill(pid, SIGKILL);
     r.timed_out = true;
   }

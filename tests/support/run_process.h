@@ -25,6 +25,9 @@ struct ProcessOptions {
   std::chrono::milliseconds time_limit{std::chrono::seconds(60)};
   // The child's working directory; empty keeps the current one.
   std::string working_dir;
+  // When non-zero, the child still running this long after its start gets an interrupt (SIGINT),
+  // as from Ctrl-C at a console. POSIX only: ignored on Windows, where tests that need it skip.
+  std::chrono::milliseconds interrupt_after{0};
 };
 
 struct ProcessResult {
@@ -40,6 +43,7 @@ struct ProcessResult {
   int status = 0;
   int raw_code = 0;        // the platform's own exit code (POSIX 0-255, or the signal number)
   bool timed_out = false;  // killed at the time limit
+  bool interrupted = false;  // was still running at interrupt_after and got the interrupt
   std::string error;       // why the child could not be started, else empty
 };
 
