@@ -172,15 +172,21 @@ bool g16_digits(double a, uint64_t* digits, int* exponent) {
 
 // v < 10^8 as exactly eight digits.
 void put_eight_digits(char* p, uint32_t v) {
-  for (int i = 3; i >= 0; --i, v /= 100) std::memcpy(p + 2 * i, kTwoDigits + 2 * (v % 100), 2);
+  const uint32_t high = v / 10000, low = v % 10000;
+  std::memcpy(p, kTwoDigits + 2 * (high / 100), 2);
+  std::memcpy(p + 2, kTwoDigits + 2 * (high % 100), 2);
+  std::memcpy(p + 4, kTwoDigits + 2 * (low / 100), 2);
+  std::memcpy(p + 6, kTwoDigits + 2 * (low % 100), 2);
 }
 
 // "%.16g" of 16 significant digits and a decimal exponent: fixed notation for exponents from -4
-// to 15, else d.ddde-XX; trailing zeros of the fraction dropped.
+// to 15, else d.ddde-XX; trailing zeros of the fraction dropped. Digits move in fixed 16-byte
+// blocks, so `p` needs room for 40 bytes whatever the length of the result.
 char* put_g16(char* p, uint64_t digits, int e) {
-  char d[16];
+  char d[32];  // the 16 digits, then zeros that the fixed-size copies may read
   put_eight_digits(d, static_cast<uint32_t>(digits / 100000000));
   put_eight_digits(d + 8, static_cast<uint32_t>(digits % 100000000));
+  std::memset(d + 16, '0', 16);
   int n = 16;
   while (n > 1 && d[n - 1] == '0') --n;
   if (e >= 16 || e < -4) {
@@ -194,17 +200,17 @@ char* put_g16(char* p, uint64_t digits, int e) {
     *p++ = static_cast<char>('0' + x % 10);
     return p;
   }
-  if (e < 0) {
-    *p++ = '0';
-    *p++ = '.';
-    for (int i = -1; i > e; --i) *p++ = '0';
-    for (int i = 0; i < n; ++i) *p++ = d[i];
-    return p;
+  if (e < 0) {  // "0.", -e - 1 zeros, the digits
+    std::memcpy(p, "0.0000", 6);
+    p += 1 - e;
+    std::memcpy(p, d, 16);
+    return p + n;
   }
-  for (int i = 0; i <= e; ++i) *p++ = d[i];
-  if (n > e + 1) *p++ = '.';
-  for (int i = e + 1; i < n; ++i) *p++ = d[i];
-  return p;
+  std::memcpy(p, d, 16);
+  if (n <= e + 1) return p + e + 1;
+  p[e + 1] = '.';
+  std::memcpy(p + e + 2, d + e + 1, 16);
+  return p + n + 1;
 }
 
 }  // namespace
@@ -213,7 +219,7 @@ int double_to_string(char* buffer, size_t size, double value) {
   uint64_t digits;
   int exponent;
   if (g16_digits(std::fabs(value), &digits, &exponent)) {
-    char text[32];
+    char text[48];
     char* p = text;
     if (std::signbit(value)) *p++ = '-';
     p = put_g16(p, digits, exponent);
