@@ -517,3 +517,66 @@ int value_to_string(char* buffer, size_t size, const PhysicalType* physical, uin
   }
   return integer_text(buffer, size, type, sv, uv);
 }
+
+namespace {
+
+template <typename T>
+int signed_text(char* buffer, size_t size, const PhysicalType*, uint32_t, const void* value) {
+  return int64_to_string(buffer, size, load<T>(value));
+}
+
+template <typename T>
+int decimal_text(char* buffer, size_t size, const PhysicalType*, uint32_t type, const void* value) {
+  return cut_to_minus_one(buffer, size,
+                          decimal64_to_string(buffer, size, load<T>(value), scale_of(type)));
+}
+
+template <typename T>
+int date_text(char* buffer, size_t size, const PhysicalType*, uint32_t, const void* value) {
+  return date_to_string(buffer, size, static_cast<int32_t>(load<T>(value)));
+}
+
+int dbl_text(char* buffer, size_t size, const PhysicalType*, uint32_t, const void* value) {
+  return double_to_string(buffer, size, load<double>(value));
+}
+
+int str_text(char* buffer, size_t size, const PhysicalType*, uint32_t, const void* value) {
+  const char* text = load<const char*>(value);
+  if (!text) text = "(null)";
+  return bounded_copy(buffer, size, text, std::strlen(text));
+}
+
+// The direct conversion of an integer of width T for `tid`, or null.
+template <typename T>
+ValueTextFn integer_fn(uint32_t tid) {
+  switch (tid) {
+    case LTYPE_SCHR:
+    case LTYPE_SSHT:
+    case LTYPE_SINT:
+    case LTYPE_SLNG:
+      return signed_text<T>;
+    case LTYPE_DECIMAL:
+      return decimal_text<T>;
+    case LTYPE_DATE:
+      return date_text<T>;
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+ValueTextFn value_text_fn(const PhysicalType* physical, uint32_t type) {
+  const uint32_t tid = ltype_id(type);
+  ValueTextFn direct = nullptr;
+  if (physical->is_integer == 1 && physical->width_class == 4) {
+    direct = integer_fn<int32_t>(tid);
+  } else if (physical->is_integer == 1 && physical->width_class == 5) {
+    direct = integer_fn<int64_t>(tid);
+  } else if (physical_is(physical, "dbl") && tid == LTYPE_FLT8) {
+    direct = dbl_text;
+  } else if (physical_is(physical, "str") && (tid == LTYPE_CHAR || tid == LTYPE_VCHAR)) {
+    direct = str_text;
+  }
+  return direct ? direct : value_to_string;
+}

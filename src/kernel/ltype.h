@@ -97,6 +97,13 @@ int ptype_width(const PhysicalType* descriptor);  // bytes per value (0 for an u
 // float type and "str" a string type (else assertion).
 int value_to_string(char* buffer, size_t size, const PhysicalType* physical, uint32_t type,
                     const void* value);
+// value_to_string chosen once for a column: the function returned gives the same text and
+// result as value_to_string for every value stored as `physical` meaning `type`, without
+// choosing the conversion again per value (the common integer, decimal, date, "dbl" and "str"
+// columns get a direct one; any other pair gets value_to_string itself).
+using ValueTextFn = int (*)(char* buffer, size_t size, const PhysicalType* physical, uint32_t type,
+                            const void* value);
+ValueTextFn value_text_fn(const PhysicalType* physical, uint32_t type);
 // The reverse conversion, storing into `result` with the storage width of `type` (integers by
 // their own width, "s128" in 16 bytes, "money" as a double of cents, "flt" a float, "dbl" a
 // double); 0 or the error code raised on `context` (KEST_ERR_NOT_BOOL, KEST_ERR_NOT_NUMBER,

@@ -49,6 +49,7 @@ constexpr size_t kCellRoom = kValueTextSize + kMaxWidth + kShortText + 64;
 struct Column {
   const PhysicalType* type;
   uint32_t ltype;
+  ValueTextFn text;  // value_to_string for this column's types, chosen once
   int32_t isconst;
   int32_t width;      // display width in characters
   int32_t size;       // bytes per stored value
@@ -122,6 +123,7 @@ void setup_columns(ResultPrinter& p, int32_t ncols, char* const* names,
     Column& c = p.columns[i];
     c.type = types[i];
     c.ltype = ltypes[i];
+    c.text = value_text_fn(types[i], ltypes[i]);
     c.isconst = isconst[i];
     c.width = display_width(names[i], ltypes[i]);
     c.size = ptype_width(types[i]);
@@ -142,7 +144,7 @@ size_t cell_text(const Column& c, void* const* data, int64_t row, int32_t column
     if (flags[c.indicator_const ? 0 : row] != 0) return 0;
   }
   const char* value = static_cast<const char*>(data[column]) + (c.isconst ? 0 : row * c.size);
-  const int n = value_to_string(dst, kValueTextSize, c.type, c.ltype, value);
+  const int n = c.text(dst, kValueTextSize, c.type, c.ltype, value);
   if (n < 0 || static_cast<size_t>(n) >= kValueTextSize) {
     return static_cast<size_t>(std::find(dst, dst + kValueTextSize - 1, '\0') - dst);
   }
