@@ -544,6 +544,8 @@ TEST(PrinterWidths, TextsArePaddedByCountedCharacters) {
       {"\xF0\x9F\x41", 2},              // a third byte below 128 ends it
       {"\xC3\xA4\xA4", 2},              // a stray continuation byte at the end
       {"\xC3", 1},                      // a lead byte at the end
+      {"abcdefgh\xC3\xA4", 9},          // eight plain bytes, then a sequence
+      {"abcdefg\xC3\xA4xy", 10},        // a sequence across the eighth byte
       {"abcdefghijklmnop", 16},         // longer than the width: printed whole
   };
   for (const auto& c : cases) {
