@@ -35,6 +35,8 @@ check() {  # check NAME STDIN ARGS...
   printf '%s' "$input" | timeout 120 scripts/wine-run "$windows/kest_client.exe" \
     -h 127.0.0.1 -P "$port" "$@" 2>/dev/null | tr -d '\r' >"$work/win"
   win_status=${PIPESTATUS[1]}
+  # The usage text names the program as it was started, which differs by platform.
+  sed -i 's/^Usage: .* \[OPTIONS\]$/Usage: PROGRAM [OPTIONS]/' "$work/lin" "$work/win"
   if cmp -s "$work/lin" "$work/win" && [ $((lin_status == 0)) -eq $((win_status == 0)) ]; then
     pass=$((pass + 1)); echo "ok   $name"
   else
@@ -47,7 +49,9 @@ check "ascii table"        "" -n -e "$table"
 check "unicode table"      "" -u -e "$table"
 check "raw values"         "" -r -e "$table"
 check "html table"         "" -o html -e "Select(Array([x=3, y=3]), <(x, y))"
-check "every type"         "" -n -e "$types"
+# Through standard input: a Windows program's command line arrives in the ANSI code page, so
+# text beyond ASCII ('é') is only byte-identical when it does not pass through argv.
+check "every type"         "$types" -n
 check "script from file"   "" -n -i -f scripts/demo.kest
 check "script from stdin"  "Array([i=2]); Array([j=1]);" -n
 check "server error"       "" -n -e "Project(Array([i=1]), [z = /(1, -(i, i))])"
