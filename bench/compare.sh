@@ -172,12 +172,16 @@ echo "  kest_client -p: $kest_ping ms, psql -c 'select 1': $psql_ping ms (median
 echo "many small queries ($SMALL_QUERIES in one session)" >&2
 for _ in $(seq "$SMALL_QUERIES"); do echo "Array([i=1]);"; done >"$tmp/small.kest"
 for _ in $(seq "$SMALL_QUERIES"); do echo "select 1;"; done >"$tmp/small.sql"
+server_ticks() { awk '{ print $14 + $15 }' "/proc/$server_pid/stat"; }
+ticks_before=$(server_ticks)
 best_of_two kest_small "$BIN/kest_client" -h 127.0.0.1 -P "$kest_port" -f "$tmp/small.kest"
+server_us=$(awk -v t="$(( $(server_ticks) - ticks_before ))" -v hz="$(getconf CLK_TCK)" \
+  -v n="$SMALL_QUERIES" 'BEGIN { printf "%.1f", t / hz / (2 * n) * 1e6 }')
 best_of_two psql_small "$PG_BIN/psql" -X -q -h 127.0.0.1 -p "$pg_port" -U bench -d postgres \
   -f "$tmp/small.sql"
 
 # ---------------------------------------------------------------------------- the table
-row() { printf '%-36s %14s %14s %9s  %-26s %s\n' "$@"; }
+row() { printf '%-42s %12s %12s %9s  %-26s %s\n' "$@"; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.1fx", a / b; else print "-" }'; }
 verdict() { if awk "BEGIN { exit !($1) }"; then echo met; else echo "NOT met"; fi; }
 mrows() { awk -v n="$1" 'BEGIN { printf "%gM", n / 1e6 }'; }
@@ -216,4 +220,5 @@ row "small queries: queries / s" "$kq" "$pq" "$(ratio "$kq" "$pq")" "kest/psql >
 kcq=$(awk -v c="$(cpu kest_small)" -v n="$SMALL_QUERIES" 'BEGIN { printf "%.1f", c / n * 1e6 }')
 pcq=$(awk -v c="$(cpu psql_small)" -v n="$SMALL_QUERIES" 'BEGIN { printf "%.1f", c / n * 1e6 }')
 row "small queries: client CPU us / query" "$kcq" "$pcq" "$(ratio "$pcq" "$kcq")" "" ""
+row "small queries: kest_refserver CPU us / query" "$server_us" "" "" "" ""
 echo "(run took $(( $(date +%s) - started )) s)"
