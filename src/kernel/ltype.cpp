@@ -531,9 +531,26 @@ int decimal_text(char* buffer, size_t size, const PhysicalType*, uint32_t type, 
                           decimal64_to_string(buffer, size, load<T>(value), scale_of(type)));
 }
 
+constexpr char kPairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+    "8081828384858687888990919293949596979899";
+
+// date_to_string's "%04d-%02d-%02d", written directly for the years 0 to 9999.
 template <typename T>
 int date_text(char* buffer, size_t size, const PhysicalType*, uint32_t, const void* value) {
-  return date_to_string(buffer, size, static_cast<int32_t>(load<T>(value)));
+  const auto day = static_cast<int32_t>(load<T>(value));
+  int y, m, d;
+  day_to_ymd(day, &y, &m, &d);
+  if (size <= 10 || y < 0 || y > 9999) return date_to_string(buffer, size, day);
+  std::memcpy(buffer, kPairs + 2 * (y / 100), 2);
+  std::memcpy(buffer + 2, kPairs + 2 * (y % 100), 2);
+  buffer[4] = '-';
+  std::memcpy(buffer + 5, kPairs + 2 * m, 2);
+  buffer[7] = '-';
+  std::memcpy(buffer + 8, kPairs + 2 * d, 2);
+  buffer[10] = 0;
+  return 10;
 }
 
 int dbl_text(char* buffer, size_t size, const PhysicalType*, uint32_t, const void* value) {
