@@ -232,9 +232,14 @@ int double_to_string(char* buffer, size_t size, double value) {
   int exponent;
   if (g16_digits(std::fabs(value), &digits, &exponent)) {
     char text[48];
-    char* p = text;
+    char* const start = size >= sizeof text ? buffer : text;  // room enough: write in place
+    char* p = start;
     if (std::signbit(value)) *p++ = '-';
     p = put_g16(p, digits, exponent);
+    if (start == buffer) {
+      *p = 0;
+      return static_cast<int>(p - buffer);
+    }
     return bounded_copy(buffer, size, text, static_cast<size_t>(p - text));
   }
   return float_text(buffer, size, value, "%.16g", [](char* first, char* last, double v) {
@@ -263,7 +268,7 @@ int decimal64_to_string(char* buffer, size_t size, int64_t value, int scale) {
   uint64_t a = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
   int s = scale > 0 ? scale : 0;
   uint64_t int_part = s >= 20 ? 0 : a / kPow10[s];
-  size_t length = static_cast<size_t>(count_digits(int_part)) + (s > 0 ? s + 1 : 0) + negative;
+  size_t length = static_cast<size_t>(digit_count(int_part)) + (s > 0 ? s + 1 : 0) + negative;
   if (length < size) {
     write_decimal_backwards(buffer + length, a, s, negative);
     buffer[length] = 0;
