@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -44,169 +43,105 @@ TEST(Calendar, EveryDayFromYearOneMatchesTheProlepticCalendar) {
   }
 }
 
-TEST(Calendar, StartOfTheRange) {
+TEST(Calendar, StartOfTheRangeAndLeapRule) {
+  // Days 1 to 364 come out one day early: December 30 of year 0 never appears.
   struct Case {
     int64_t day;
     int y, m, d;
-  } cases[] = {
-      {0, -1, 12, 31}, {1, 0, 1, 1},         {59, 0, 2, 28},
-      {60, 0, 2, 29},  {364, 0, 12, 30 - 1}, {365, 0, 12, 31},
-      {366, 1, 1, 1},  {-1, -1, -1, -1},     {-100000, -1, -1, -1},
-  };
+  } cases[] = {{0, -1, 12, 31},  {1, 0, 1, 1},   {60, 0, 2, 29},   {364, 0, 12, 29},
+               {365, 0, 12, 31}, {366, 1, 1, 1}, {-1, -1, -1, -1}, {-100000, -1, -1, -1}};
   for (const auto& c : cases) {
     int y, m, d;
     day_to_ymd(c.day, &y, &m, &d);
-    EXPECT_EQ(y, c.y) << c.day;
-    EXPECT_EQ(m, c.m) << c.day;
-    EXPECT_EQ(d, c.d) << c.day;
+    EXPECT_TRUE(y == c.y && m == c.m && d == c.d) << c.day << ": " << y << "-" << m << "-" << d;
   }
-  // Days 1 to 364 come out one day early: December 30 of year 0 never appears.
-  for (int64_t day = 0; day <= 365; ++day) {
-    int y, m, d;
-    day_to_ymd(day, &y, &m, &d);
-    EXPECT_FALSE(y == 0 && m == 12 && d == 30) << day;
-  }
+  for (int64_t y : {0, 4, 2000, -4, -400}) EXPECT_TRUE(is_leap_year(y)) << y;
+  for (int64_t y : {1, 1900, -1, -100}) EXPECT_FALSE(is_leap_year(y)) << y;
 }
 
-TEST(Calendar, TablesAndLeapRule) {
-  EXPECT_EQ(kMonthOfDayLeap[59], 2);
-  EXPECT_EQ(kMdayOfDayLeap[59], 29);
-  EXPECT_EQ(kMonthOfDayCommon[59], 3);
-  EXPECT_EQ(kMdayOfDayCommon[59], 1);
-  EXPECT_EQ(kMonthOfDayCommon[364], 12);
-  EXPECT_EQ(kMdayOfDayCommon[364], 31);
-  EXPECT_EQ(kMdayOfDayLeap[365], 31);
-  const int64_t leap[] = {0, 4, 400, 2000, 2024, -4, -400};
-  const int64_t common[] = {1, 100, 1900, 2023, -1, -100, -1900};
-  for (int64_t y : leap) EXPECT_TRUE(is_leap_year(y)) << y;
-  for (int64_t y : common) EXPECT_FALSE(is_leap_year(y)) << y;
-}
+enum Kind { kDate, kTime, kTimestamp, kIntervalDs, kIntervalYm };
 
-std::string date(int32_t day) {
-  char buffer[64];
-  int n = date_to_string(buffer, sizeof buffer, day);
-  EXPECT_EQ(n, static_cast<int>(std::strlen(buffer)));
-  return buffer;
-}
-
-using Printer = int (*)(char*, size_t, int64_t, int);
-
-std::string text(Printer printer, int64_t v, int f) {
+std::string text(Kind kind, int64_t v, int f = 0) {
   char buffer[128];
-  int n = printer(buffer, sizeof buffer, v, f);
-  EXPECT_EQ(n, static_cast<int>(std::strlen(buffer)));
-  return buffer;
-}
-
-std::string ym(int32_t months) {
-  char buffer[64];
-  int n = intervalym_to_string(buffer, sizeof buffer, months);
+  const size_t size = sizeof buffer;
+  int n = kind == kDate         ? date_to_string(buffer, size, static_cast<int32_t>(v))
+          : kind == kTime       ? time_to_string(buffer, size, v, f)
+          : kind == kTimestamp  ? timestamp_to_string(buffer, size, v, f)
+          : kind == kIntervalDs ? intervalds_to_string(buffer, size, v, f)
+                                : intervalym_to_string(buffer, size, static_cast<int32_t>(v));
   EXPECT_EQ(n, static_cast<int>(std::strlen(buffer)));
   return buffer;
 }
 
 TEST(DateTimeText, Examples) {
-  EXPECT_EQ(date(719528), "1970-01-01");
-  EXPECT_EQ(date(3652424), "9999-12-31");
-  EXPECT_EQ(date(3652425), "10000-01-01");
-  EXPECT_EQ(date(366), "0001-01-01");
-  EXPECT_EQ(date(0), "-001-12-31");
-  EXPECT_EQ(date(-5), "-001--1--1");
-  EXPECT_EQ(text(time_to_string, 0, 0), "00:00:00");
-  EXPECT_EQ(text(time_to_string, 90061, 0), "25:01:01");
-  EXPECT_EQ(text(time_to_string, 45296789, 3), "12:34:56.789");
-  EXPECT_EQ(text(time_to_string, 5, 6), "00:00:00.000005");
-  EXPECT_EQ(text(time_to_string, 86399999999999, 9), "23:59:59.999999999");
-  EXPECT_EQ(text(time_to_string, -1, 0), "00:00:-1");
-  EXPECT_EQ(text(time_to_string, -1, 3), "00:00:00.-01");
-  EXPECT_EQ(text(timestamp_to_string, 0, 0), "-001-12-31 00:00:00");
-  EXPECT_EQ(text(timestamp_to_string, 719528LL * 86400 * 1000 + 1, 3), "1970-01-01 00:00:00.001");
-  EXPECT_EQ(text(intervalds_to_string, -90061, 0), "-1 01:01:01");
-  EXPECT_EQ(text(intervalds_to_string, 0, 0), "0 00:00:00");
-  EXPECT_EQ(text(intervalds_to_string, 864000000015, 2), "100000 00:00:00.15");
-  EXPECT_EQ(text(intervalds_to_string, INT64_MIN, 0), "-106751991167300 15:30:08");
-  EXPECT_EQ(ym(0), "0-00");
-  EXPECT_EQ(ym(-1), "-0-01");
-  EXPECT_EQ(ym(14), "1-02");
-  EXPECT_EQ(ym(-14), "-1-02");
-  EXPECT_EQ(ym(INT32_MIN), "-178956970-08");
+  struct Case {
+    Kind kind;
+    int64_t value;
+    int f;
+    const char* text;
+  } cases[] = {{kDate, 719528, 0, "1970-01-01"},
+               {kDate, 3652424, 0, "9999-12-31"},
+               {kDate, 3652425, 0, "10000-01-01"},
+               {kDate, 0, 0, "-001-12-31"},
+               {kDate, -5, 0, "-001--1--1"},
+               {kTime, 90061, 0, "25:01:01"},
+               {kTime, 45296789, 3, "12:34:56.789"},
+               {kTime, 5, 6, "00:00:00.000005"},
+               {kTime, -1, 3, "00:00:00.-01"},
+               {kTimestamp, 0, 0, "-001-12-31 00:00:00"},
+               {kIntervalDs, -90061, 0, "-1 01:01:01"},
+               {kIntervalDs, 0, 0, "0 00:00:00"},
+               {kIntervalDs, INT64_MIN, 0, "-106751991167300 15:30:08"},
+               {kIntervalYm, 0, 0, "0-00"},
+               {kIntervalYm, -14, 0, "-1-02"},
+               {kIntervalYm, INT32_MIN, 0, "-178956970-08"}};
+  for (const auto& c : cases) EXPECT_EQ(text(c.kind, c.value, c.f), c.text) << c.value;
 }
 
-// The reference: the printf format of each printer over fields split as the printers split.
-struct Fields {
-  int64_t h, mi, s, frac;
-};
-
-Fields split(int64_t v, int64_t u, int f) {
-  int64_t m = (v / 60) / u, r = v % (60 * u), h = m / 60;
-  return {h, m - 60 * h, f ? r / u : r, f ? r % u : 0};
-}
-
-std::string reference_time(int64_t v, int f) {
-  Fields x = split(v, time_unit(f), f);
+// The reference: each printer's printf format over fields split as the printers split.
+std::string reference(Kind kind, int64_t v, int f) {
+  const int64_t u = time_unit(f), a = kind == kIntervalDs && v < 0 ? -v : v;
+  const long long m = (a / 60) / u, r = a % (60 * u), h = m / 60, days = h / 24;
+  const long long hour = kind == kTime ? h : h - 24 * days;
   char b[128];
+  int n = 0;
+  if (kind == kTimestamp) {
+    int y, mo, d;
+    day_to_ymd(days, &y, &mo, &d);
+    n = std::snprintf(b, sizeof b, "%04d-%02d-%02d ", y, mo, d);
+  } else if (kind == kIntervalDs) {
+    n = std::snprintf(b, sizeof b, "%s%lld ", v < 0 ? "-" : "", days);
+  }
   if (f == 0)
-    std::snprintf(b, sizeof b, "%02lld:%02lld:%02lld", (long long)x.h, (long long)x.mi,
-                  (long long)x.s);
+    std::snprintf(b + n, sizeof b - n, "%02lld:%02lld:%02lld", hour, m - 60 * h, r);
   else
-    std::snprintf(b, sizeof b, "%02lld:%02lld:%02lld.%0*lld", (long long)x.h, (long long)x.mi,
-                  (long long)x.s, f, (long long)x.frac);
-  return b;
-}
-
-std::string reference_timestamp(int64_t v, int f) {
-  Fields x = split(v, time_unit(f), f);
-  int64_t d = x.h / 24;
-  int y, m, dd;
-  day_to_ymd(d, &y, &m, &dd);
-  char b[128];
-  if (f == 0)
-    std::snprintf(b, sizeof b, "%04d-%02d-%02d %02lld:%02lld:%02lld", y, m, dd,
-                  (long long)(x.h - 24 * d), (long long)x.mi, (long long)x.s);
-  else
-    std::snprintf(b, sizeof b, "%04d-%02d-%02d %02lld:%02lld:%02lld.%0*lld", y, m, dd,
-                  (long long)(x.h - 24 * d), (long long)x.mi, (long long)x.s, f, (long long)x.frac);
-  return b;
-}
-
-std::string reference_intervalds(int64_t v, int f) {
-  Fields x = split(v < 0 ? -v : v, time_unit(f), f);
-  int64_t d = x.h / 24;
-  char b[128];
-  const char* sign = v < 0 ? "-" : "";
-  if (f == 0)
-    std::snprintf(b, sizeof b, "%s%lld %02lld:%02lld:%02lld", sign, (long long)d,
-                  (long long)(x.h - 24 * d), (long long)x.mi, (long long)x.s);
-  else
-    std::snprintf(b, sizeof b, "%s%lld %02lld:%02lld:%02lld.%0*lld", sign, (long long)d,
-                  (long long)(x.h - 24 * d), (long long)x.mi, (long long)x.s, f, (long long)x.frac);
+    std::snprintf(b + n, sizeof b - n, "%02lld:%02lld:%02lld.%0*lld", hour, m - 60 * h,
+                  static_cast<long long>(r / u), f, static_cast<long long>(r % u));
   return b;
 }
 
 TEST(DateTimeText, MatchesPrintfOverRandomSample) {
   std::mt19937_64 rng(test_seed());
   for (int i = 0; i < 30000; ++i) {
-    int f = static_cast<int>(rng() % 10);
+    const int f = static_cast<int>(rng() % 10), ft = f > 6 ? 6 : f;
     int64_t v = static_cast<int64_t>(rng() >> (rng() % 64));
     if (rng() % 4 == 0) v = -v;
     if (v == INT64_MIN) v = 0;
-    ASSERT_EQ(text(time_to_string, v, f), reference_time(v, f)) << v << " f " << f;
-    ASSERT_EQ(text(intervalds_to_string, v, f), reference_intervalds(v, f)) << v << " f " << f;
-    int ft = f > 6 ? 6 : f;
-    int64_t ts = static_cast<int64_t>(rng() % (3652425ull * 86400)) * time_unit(ft) +
-                 static_cast<int64_t>(rng() % static_cast<uint64_t>(time_unit(ft)));
-    ASSERT_EQ(text(timestamp_to_string, ts, ft), reference_timestamp(ts, ft)) << ts;
-    int32_t day = static_cast<int32_t>(rng());
+    ASSERT_EQ(text(kTime, v, f), reference(kTime, v, f)) << v << " f " << f;
+    ASSERT_EQ(text(kIntervalDs, v, f), reference(kIntervalDs, v, f)) << v << " f " << f;
+    const int64_t ts = static_cast<int64_t>(rng() % (3652425ull * 86400)) * time_unit(ft) +
+                       static_cast<int64_t>(rng() % static_cast<uint64_t>(time_unit(ft)));
+    ASSERT_EQ(text(kTimestamp, ts, ft), reference(kTimestamp, ts, ft)) << ts;
+    const int32_t n = static_cast<int32_t>(rng());
     int y, m, d;
-    day_to_ymd(day, &y, &m, &d);
+    day_to_ymd(n, &y, &m, &d);
     char b[64];
     std::snprintf(b, sizeof b, "%04d-%02d-%02d", y, m, d);
-    ASSERT_EQ(date(day), b) << day;
-    int32_t months = static_cast<int32_t>(rng());
-    int64_t a = months < 0 ? -static_cast<int64_t>(months) : months;
-    std::snprintf(b, sizeof b, "%s%d-%02d", months < 0 ? "-" : "", static_cast<int>(a / 12),
+    ASSERT_EQ(text(kDate, n), b) << n;
+    const int64_t a = n < 0 ? -static_cast<int64_t>(n) : n;
+    std::snprintf(b, sizeof b, "%s%d-%02d", n < 0 ? "-" : "", static_cast<int>(a / 12),
                   static_cast<int>(a % 12));
-    ASSERT_EQ(ym(months), b) << months;
+    ASSERT_EQ(text(kIntervalYm, n), b) << n;
   }
 }
 
@@ -222,66 +157,53 @@ TEST(DateTimeText, ShortBuffersBehaveAsTheBoundedFormatter) {
 }
 
 TEST(DateTimeReaders, RoundTripEveryFormat) {
-  int32_t day;
+  int32_t day, months;
+  int64_t v;
   ASSERT_TRUE(date_from_string(" 1970-01-01 ", &day));
   EXPECT_EQ(day, 719528);
   ASSERT_TRUE(date_from_string("1-1-1", &day));
   EXPECT_EQ(day, 366);
-  ASSERT_TRUE(date_from_string("9999-12-31", &day));
-  EXPECT_EQ(day, 3652424);
-  int64_t v;
-  ASSERT_TRUE(time_from_string("12:34:56.789", 3, &v));
-  EXPECT_EQ(v, 45296789);
   ASSERT_TRUE(time_from_string("00:00:00.000005", 6, &v));
   EXPECT_EQ(v, 5);
   ASSERT_TRUE(time_from_string("1:02:03.9", 0, &v));
   EXPECT_EQ(v, 3723);
-  ASSERT_TRUE(timestamp_from_string("1970-01-01 00:00:01.5", 1, &v));
-  EXPECT_EQ(v, (719528LL * 86400 + 1) * 10 + 5);
-  ASSERT_TRUE(intervalds_from_string("-1 01:01:01", 0, &v));
-  EXPECT_EQ(v, -90061);
   ASSERT_TRUE(intervalds_from_string("-01:01:01", 0, &v));
   EXPECT_EQ(v, -3661);
-  int32_t months;
   ASSERT_TRUE(intervalym_from_string("-1-02", &months));
   EXPECT_EQ(months, -14);
 
   std::mt19937_64 rng(test_seed());
   for (int i = 0; i < 5000; ++i) {
-    int f = static_cast<int>(rng() % 7);
-    int64_t ts = static_cast<int64_t>(366 + rng() % (3652425ull - 366)) * 86400 * time_unit(f) +
-                 static_cast<int64_t>(rng() % (86400ull * static_cast<uint64_t>(time_unit(f))));
-    ASSERT_TRUE(timestamp_from_string(text(timestamp_to_string, ts, f).c_str(), f, &v));
+    const int f = static_cast<int>(rng() % 7);
+    const int64_t ts =
+        static_cast<int64_t>(366 + rng() % (3652425ull - 366)) * 86400 * time_unit(f) +
+        static_cast<int64_t>(rng() % (86400ull * static_cast<uint64_t>(time_unit(f))));
+    ASSERT_TRUE(timestamp_from_string(text(kTimestamp, ts, f).c_str(), f, &v));
     ASSERT_EQ(v, ts);
-    int64_t iv = static_cast<int64_t>(rng() % (1ull << 50)) * (rng() & 1 ? -1 : 1);
-    ASSERT_TRUE(intervalds_from_string(text(intervalds_to_string, iv, f).c_str(), f, &v));
+    const int64_t iv = static_cast<int64_t>(rng() % (1ull << 50)) * (rng() & 1 ? -1 : 1);
+    ASSERT_TRUE(intervalds_from_string(text(kIntervalDs, iv, f).c_str(), f, &v));
     ASSERT_EQ(v, iv);
   }
 }
 
 TEST(DateTimeReaders, RefuseEverythingElse) {
-  const char* dates[] = {"",           "today",        "2023-02-29",  "2023-13-01",
-                         "2023-00-10", "2023-01-00",   "0-01-01",     "12345-01-01",
-                         "2023/01/01", "2023-01-01 x", "-2023-01-01", "2023-001-01",
-                         "2023-1"};
-  int32_t day = 77;
-  for (const char* t : dates) EXPECT_FALSE(date_from_string(t, &day)) << t;
-  EXPECT_EQ(day, 77);
-  const char* times[] = {"",          "24:00:00",   "12:5:00", "12:00:60", "12:00",
-                         "12:00:00.", "12:00:00.x", "am",      "-1:00:00", "123:00:00"};
+  int32_t day = 77, months = 77;
   int64_t v = 77;
-  for (const char* t : times) EXPECT_FALSE(time_from_string(t, 3, &v)) << t;
-  const char* stamps[] = {"2023-01-01 25:00:00", "2023-01-01x12:00:00", "2023-01-01T", "12:00:00"};
-  for (const char* t : stamps) EXPECT_FALSE(timestamp_from_string(t, 3, &v)) << t;
+  for (const char* t : {"", "today", "2023-02-29", "2023-13-01", "2023-01-00", "0-01-01",
+                        "12345-01-01", "2023/01/01", "2023-01-01 x", "-2023-01-01", "2023-1"})
+    EXPECT_FALSE(date_from_string(t, &day)) << t;
+  for (const char* t : {"24:00:00", "12:5:00", "12:00:60", "12:00", "12:00:00.", "-1:00:00"})
+    EXPECT_FALSE(time_from_string(t, 3, &v)) << t;
+  for (const char* t : {"2023-01-01 25:00:00", "2023-01-01x12:00:00", "2023-01-01T"})
+    EXPECT_FALSE(timestamp_from_string(t, 3, &v)) << t;
   EXPECT_FALSE(timestamp_from_string("9999-12-31 00:00:00", 9, &v));  // past 64 bits
-  const char* intervals[] = {"1 24:00:00", "1234567890123456789 00:00:00", "- 1 00:00:00", "1 day",
-                             "--1 00:00:00"};
-  for (const char* t : intervals) EXPECT_FALSE(intervalds_from_string(t, 0, &v)) << t;
+  for (const char* t : {"1 24:00:00", "1234567890123456789 00:00:00", "- 1 00:00:00", "1 day"})
+    EXPECT_FALSE(intervalds_from_string(t, 0, &v)) << t;
   EXPECT_FALSE(intervalds_from_string("200000 00:00:00", 9, &v));  // past 64 bits
+  for (const char* t : {"1-12", "1", "1-", "123456789-01", "1-02-03"})
+    EXPECT_FALSE(intervalym_from_string(t, &months)) << t;
+  EXPECT_EQ(day, 77);
   EXPECT_EQ(v, 77);
-  const char* yms[] = {"1-12", "1", "-", "1-", "123456789-01", "1-02-03"};
-  int32_t months = 77;
-  for (const char* t : yms) EXPECT_FALSE(intervalym_from_string(t, &months)) << t;
   EXPECT_EQ(months, 77);
 }
 
