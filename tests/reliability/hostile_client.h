@@ -1,49 +1,27 @@
-// Shared by the hostile-peer and limits tests: messages a server could send, and a run of the
-// built client against a scripted loopback peer.
+// Shared by the hostile-peer and limits tests: runs of the built client with one query against a
+// scripted loopback peer that answers it, each checked for how it ended and what it said.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "support/run_process.h"
 #include "support/scripted_peer.h"
-#include "utils/netbuffer.h"
 
 namespace kest_hostile {
 
-using kest_test::be32;
-using kest_test::frame;
-using kest_test::ScriptedPeer;
-using kest_test::var;
-
-struct Column {
-  std::string name, ltype, ptype;
-  uint32_t isconst = 0;
-};
-
-inline std::string ack(int32_t vector_size, const std::vector<Column>& cols) {
-  std::string body = be32(0) + be32(uint32_t(cols.size())) + be32(uint32_t(vector_size));
-  for (const Column& c : cols) body += var(c.name);
-  for (const Column& c : cols) body += be32(c.isconst) + var(c.ltype) + var(c.ptype);
-  return frame(body);
-}
-
-inline std::string data(int32_t rows, const std::string& blocks = "") {
-  return frame(be32(0) + be32(uint32_t(rows)) + blocks);
-}
-
-inline std::string error_record(int32_t code, const std::vector<std::string>& params) {
-  std::string body = be32(0xFFFFFFFFu) + be32(uint32_t(code)) + be32(uint32_t(params.size()));
-  for (const std::string& p : params) body += var(p);
-  return frame(body);
-}
+using namespace kest_test;
 
 // Raw 4-byte values in the byte order the client copies them in (this host's).
 inline std::string sints(const std::vector<int32_t>& values) {
-  return std::string(reinterpret_cast<const char*>(values.data()), values.size() * 4);
+  std::string bytes(values.size() * 4, '\0');
+  std::memcpy(bytes.data(), values.data(), bytes.size());
+  return bytes;
 }
 
 // The process ended through abort: a signal on POSIX, exit code 3 on Windows.
@@ -51,20 +29,53 @@ inline bool aborted(const ProcessResult& r) {
   return r.exited ? r.raw_code == 3 : !r.timed_out && r.error.empty();
 }
 
-// Starts `peer` and runs the client with one query against it, within `limit`.
-inline ProcessResult run_client(ScriptedPeer& peer,
-                                std::chrono::milliseconds limit = std::chrono::seconds(20),
-                                std::vector<std::string> extra = {}) {
+// Starts `peer` and runs the client with the query "q" and `extra` options against it.
+inline ProcessResult run_client(ScriptedPeer& peer, std::vector<std::string> extra = {}) {
   peer.start();
   std::vector<std::string> args = {
       KEST_CLIENT_BIN, "-h", "127.0.0.1", "-P", std::to_string(peer.port()), "-t", "1", "-e", "q"};
   args.insert(args.end(), extra.begin(), extra.end());
   ProcessOptions options;
   options.env = {{"HOME", std::nullopt}, {"ZNLOG", std::nullopt}};
-  options.time_limit = limit;
+  options.time_limit = std::chrono::seconds(20);
   ProcessResult r = run_process(args, options);
   EXPECT_EQ(r.error, "");
   return r;
+}
+
+enum class End { kOk, kFailed, kAborted };
+
+struct Case {
+  const char* name;
+  std::string reply;  // everything the peer sends after reading the query
+  End end;
+  std::string out;     // expected in standard output ("" for no check)
+  std::string err;     // expected in standard error ("" for no check)
+  bool close = false;  // the peer closes after the reply instead of waiting for the client
+};
+
+// Each case within the run's time limit: the client ends as the case says, never by a crash.
+inline void expect_runs(const std::vector<Case>& cases) {
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScriptedPeer peer;
+    peer.read_frame().send(c.reply);
+    if (c.close)
+      peer.close();
+    else
+      peer.read_to_end();
+    const ProcessResult r = run_client(peer);
+    peer.join();
+    ASSERT_FALSE(r.timed_out);
+    if (c.end == End::kAborted) {
+      EXPECT_TRUE(aborted(r)) << r.err;
+    } else {
+      EXPECT_TRUE(r.exited) << r.err;
+      EXPECT_EQ(r.status, c.end == End::kOk ? 0 : -1);
+    }
+    EXPECT_THAT(r.out, testing::HasSubstr(c.out));
+    EXPECT_THAT(r.err, testing::HasSubstr(c.err));
+  }
 }
 
 }  // namespace kest_hostile

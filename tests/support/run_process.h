@@ -5,7 +5,6 @@
 //                                 {.stdin_text = "", .env = {{"HOME", std::nullopt}}});
 //   EXPECT_TRUE(r.exited);
 //   EXPECT_EQ(r.status, -1);
-//   EXPECT_EQ(r.out, "...");
 #pragma once
 
 #include <chrono>
@@ -15,43 +14,32 @@
 #include <vector>
 
 struct ProcessOptions {
-  // Written to the child's standard input, which is then closed. With nullopt the child's
-  // standard input is closed at once (it reads end of file), so it never waits on the terminal.
+  // Written to the child's standard input, which is then closed (at once when nullopt).
   std::optional<std::string> stdin_text;
-  // Changes to the inherited environment, applied in order: a value sets the variable, nullopt
-  // removes it.
+  // Changes to the inherited environment, in order: a value sets the variable, nullopt removes it.
   std::vector<std::pair<std::string, std::optional<std::string>>> env;
   // After this long the child is killed and the result says timed_out.
   std::chrono::milliseconds time_limit{std::chrono::seconds(60)};
-  // The child's working directory; empty keeps the current one.
-  std::string working_dir;
-  // When non-zero, the child still running this long after its start gets an interrupt (SIGINT),
-  // as from Ctrl-C at a console. POSIX only: ignored on Windows, where tests that need it skip.
+  // When non-zero, the child still running this long after its start gets SIGINT, as from Ctrl-C
+  // at a console. POSIX only: ignored on Windows, where tests that need it skip.
   std::chrono::milliseconds interrupt_after{0};
 };
 
 struct ProcessResult {
-  std::string out;  // everything the child wrote to standard output
-  std::string err;  // everything the child wrote to standard error
-  // True when the child ended by returning from main or calling exit (not by a signal, a crash,
-  // the time limit, or a failure to start). On Windows abort() is an exit with status 3 (the C
-  // runtime's own), which cannot be told apart from `return 3`; only exception codes
-  // (0xCxxxxxxx) count as crashes there.
+  // What the child wrote; on Windows its text-mode "\r\n" line ends are read back as "\n".
+  std::string out;
+  std::string err;
+  // True when the child ended by returning from main or calling exit (not by a signal, a crash or
+  // the time limit). On Windows abort() is an exit with status 3, the C runtime's own.
   bool exited = false;
-  // The exit status as the program returned it, read as a signed byte, the same on every
-  // platform: `return -1` from main gives -1, `return 0` gives 0. Meaningful when `exited`.
+  // The exit status read as a signed byte on every platform: `return -1` from main gives -1.
   int status = 0;
-  int raw_code = 0;        // the platform's own exit code (POSIX 0-255, or the signal number)
-  bool timed_out = false;  // killed at the time limit
+  int raw_code = 0;          // the platform's own exit code (POSIX 0-255, or the signal number)
+  bool timed_out = false;    // killed at the time limit
   bool interrupted = false;  // was still running at interrupt_after and got the interrupt
-  std::string error;       // why the child could not be started, else empty
+  std::string error;         // why the child could not be started, else empty
 };
 
 // Starts argv[0] (a path; no search of PATH) with the arguments argv[1..], waits until it ends or
-// the time limit passes, and returns what it wrote and how it ended. Never throws for a child's
-// failure; a child that could not be started gives exited false and `error` set.
+// the time limit passes, and returns what it wrote and how it ended.
 ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOptions& options = {});
-
-// `text` with every "\r\n" turned into "\n": a Windows program writes its standard streams in
-// text mode, so compare its output through this to share goldens with the other platforms.
-std::string normalize_newlines(std::string text);

@@ -1,5 +1,6 @@
-// Test fakes for anything that speaks the framed wire protocol: byte builders for frames and
-// fields, and a loopback peer thread that accepts one connection and plays a script of steps.
+// Test fakes for anything that speaks the framed wire protocol: byte builders for frames, fields
+// and whole server messages, and a loopback peer thread that accepts one connection and plays a
+// script of steps.
 //
 //   kest_test::ScriptedPeer peer({.chunk = 1, .pause_us = 100});   // drip one byte at a time
 //   peer.send(kest_test::frame(kest_test::be32(7))).close();
@@ -15,7 +16,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -31,6 +31,15 @@ std::string be64(int64_t value);
 std::string var(std::string_view bytes);   // length prefix and the bytes
 std::string frame(std::string_view body);  // the 4-byte total length, then the body
 
+// Whole messages of a server's answer.
+struct Column {
+  std::string name, ltype, ptype;
+  uint32_t isconst = 0;
+};
+std::string ack(int32_t vector_size, const std::vector<Column>& columns);
+std::string data(int32_t rows, std::string_view blocks = "");
+std::string error_record(int32_t code, const std::vector<std::string>& params);
+
 // Puts `body` into `nb` as a received message ready to parse (NETBUF_PARSING, pos 4), without a
 // socket. Allocates the data area when nb->data is null; release it with NetBufferClose.
 void hold_message(NetBuffer* nb, std::string_view body);
@@ -45,7 +54,7 @@ class ScriptedPeer {
   };
   static constexpr int64_t kStepTimeoutUs = 10'000'000;
 
-  ScriptedPeer();
+  ScriptedPeer() : ScriptedPeer(Options{}) {}
   explicit ScriptedPeer(Options options);
   ~ScriptedPeer();  // joins the thread and closes every socket it still holds
   ScriptedPeer(const ScriptedPeer&) = delete;
@@ -60,8 +69,6 @@ class ScriptedPeer {
   ScriptedPeer& wait_us(int microseconds);
   ScriptedPeer& close();  // orderly end (the client reads end-of-stream)
   ScriptedPeer& reset();  // abortive end (the client sees a connection reset)
-  // Runs `step` with the accepted socket, for anything the other steps cannot express.
-  ScriptedPeer& custom(std::function<bool(int32_t socket)> step);
 
   // Starts the thread. A script without close() or reset() closes orderly at its end.
   void start();
@@ -70,22 +77,20 @@ class ScriptedPeer {
   // A socket connected to this peer (owned by the caller), or -1.
   int32_t connect_client() const;
 
-  std::vector<std::string> frames() const;
-  std::string received() const;
+  // What the steps read; look after join().
+  const std::vector<std::string>& frames() const { return frames_; }
+  const std::string& received() const { return received_; }
 
  private:
-  void run();
   bool send_all(int32_t s, std::string_view bytes) const;
-  bool read_exact(int32_t s, char* dest, size_t len) const;
 
   Options options_;
   int32_t listener_ = -1;
   uint16_t port_ = 0;
-  std::vector<std::function<bool(int32_t)>> steps_;
+  // A step may end the connection by setting the socket to -1.
+  std::vector<std::function<bool(int32_t& socket)>> steps_;
   std::thread thread_;
   bool ok_ = false;
-  bool joined_ = true;
-  mutable std::mutex lock_;
   std::vector<std::string> frames_;
   std::string received_;
 };
