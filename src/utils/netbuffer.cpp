@@ -75,17 +75,46 @@ int64_t decode_var_length(const NetBuffer* buf, int64_t* prefix) {
   return len;
 }
 
+// Moves up to `len` bytes that were read ahead to `dest`; returns how many.
+int32_t take_ahead(NetBuffer* buf, char* dest, int32_t len) {
+  const int32_t n = std::min(len, buf->ahead_end - buf->ahead_pos);
+  std::memcpy(dest, buf->ahead + buf->ahead_pos, static_cast<size_t>(n));
+  buf->ahead_pos += n;
+  return n;
+}
+
+// Brings data[pos, used) one step closer to complete: from the bytes read ahead when there are
+// any, else with one recv. A rest of a whole chunk or more goes straight into the data area; a
+// shorter rest is read as a whole chunk into the read-ahead area, which brings in whatever of
+// the next frames has arrived with it. Returns recv's result, or 1 when no recv was needed.
+int64_t fill(NetBuffer* buf) {
+  const int32_t want = buf->used - buf->pos;
+  if (buf->ahead_pos < buf->ahead_end) {
+    buf->pos += take_ahead(buf, buf->data + buf->pos, want);
+    return 1;
+  }
+  if (want >= NETBUF_CHUNK) {
+    const int64_t n = net_recv(buf->socket, buf->data + buf->pos, NETBUF_CHUNK);
+    if (n > 0) buf->pos += static_cast<int32_t>(n);
+    return n;
+  }
+  KEST_ASSERT(kFacility, buf->ahead);
+  const int64_t n = net_recv(buf->socket, buf->ahead, NETBUF_CHUNK);
+  if (n > 0) {
+    buf->ahead_pos = 0;
+    buf->ahead_end = static_cast<int32_t>(n);
+    buf->pos += take_ahead(buf, buf->data + buf->pos, want);
+  }
+  return n;
+}
+
 // What a receive did while reading the frame header.
 enum class HeaderResult { kComplete, kClosed, kError };
 
 HeaderResult receive_header(NetBuffer* buf) {
   while (buf->pos < buf->used) {
-    const int64_t n =
-        net_recv(buf->socket, buf->data + buf->pos, static_cast<size_t>(buf->used - buf->pos));
-    if (n > 0) {
-      buf->pos += static_cast<int32_t>(n);
-      continue;
-    }
+    const int64_t n = fill(buf);
+    if (n > 0) continue;
     const int error = n == 0 ? 0 : net_last_error();
     if (n == 0 || net_error_is_reset(error)) {
       if (n != 0) buf->state = NETBUF_RESET;
@@ -100,17 +129,13 @@ HeaderResult receive_header(NetBuffer* buf) {
 
 int receive_body(NetBuffer* buf) {
   while (buf->pos < buf->used) {
-    const int32_t want = std::min(buf->used - buf->pos, NETBUF_CHUNK);
-    const int64_t n = net_recv(buf->socket, buf->data + buf->pos, static_cast<size_t>(want));
-    if (n > 0) {
-      buf->pos += static_cast<int32_t>(n);
-    } else if (n == 0) {
+    const int64_t n = fill(buf);
+    if (n > 0) continue;
+    if (n == 0)
       ZN_LOG(kFacility, ZN_ERROR, "Remote socket closed while receiving");
-      return -1;
-    } else {
+    else
       ZN_LOG(kFacility, ZN_ERROR, "Error while receiving data: %d", net_last_error());
-      return -1;
-    }
+    return -1;
   }
   return 0;
 }
@@ -129,6 +154,11 @@ void NetBufferInit(NetBuffer* buf, int32_t socket) {
   buf->size = NETBUF_INITIAL_SIZE;
   buf->data = static_cast<char*>(calloc(1, NETBUF_INITIAL_SIZE));
   KEST_ASSERT(kFacility, buf->data);
+  free(buf->ahead);
+  buf->ahead = static_cast<char*>(malloc(NETBUF_CHUNK));
+  KEST_ASSERT(kFacility, buf->ahead);
+  buf->ahead_pos = 0;
+  buf->ahead_end = 0;
   if (net_set_nodelay(socket) != 0)
     ZN_LOG(kFacility, ZN_ERROR, "%s: %s", "setting TCP_NODELAY", net_error_text(net_last_error()));
 }
@@ -237,9 +267,18 @@ int NetBufferRecv(NetBuffer* buf) {
   return 1;
 }
 
+bool NetBufferFrameReady(const NetBuffer* buf) {
+  const int32_t have = buf->ahead_end - buf->ahead_pos;
+  if (have < 4) return false;
+  // A length field out of range is ready too: NetBufferRecv refuses it without waiting.
+  const uint32_t total = load_be32(buf->ahead + buf->ahead_pos);
+  return total < 4 || total <= static_cast<uint32_t>(have);
+}
+
 int NetBufferTimedRecv(NetBuffer* buf, int64_t microseconds) {
   KEST_ASSERT(kFacility, buf);
-  const int ready = net_wait_readable(buf->socket, microseconds);
+  const bool pending = buf->ahead_pos < buf->ahead_end;
+  const int ready = pending ? 1 : net_wait_readable(buf->socket, microseconds);
   if (ready == 0) return -2;
   if (ready < 0) {
     ZN_LOG(kFacility, ZN_ERROR, "Error while waiting for data: %d", net_last_error());
@@ -298,4 +337,8 @@ void NetBufferClose(NetBuffer* buf) {
   buf->socket = kNetNoSocket;
   free(buf->data);
   buf->data = nullptr;
+  free(buf->ahead);
+  buf->ahead = nullptr;
+  buf->ahead_pos = 0;
+  buf->ahead_end = 0;
 }

@@ -49,6 +49,12 @@ struct NetBuffer {
   int32_t used;
   int32_t size;  // capacity of data, NETBUF_INITIAL_SIZE doubled as often as needed
   char* data;    // owned; freed by NetBufferClose
+  // Read-ahead: one recv asks for up to NETBUF_CHUNK bytes, so the frames of a short answer
+  // arrive in one call. The bytes past the current frame wait here, in `ahead`
+  // [ahead_pos, ahead_end), for the next NetBufferRecv; building and sending leave them alone.
+  char* ahead;  // owned, NETBUF_CHUNK bytes; null until the first receive
+  int32_t ahead_pos;
+  int32_t ahead_end;
 };
 
 // Starts the socket library once per process. 0, or -1 when it cannot start.
@@ -76,10 +82,13 @@ int NetBufferSend(NetBuffer* buf);
 // field), 0 when the peer closed or reset the connection before a frame header was complete
 // (a reset also moves the buffer to NETBUF_RESET, and a buffer already reset returns 0 at once),
 // -1 on any other error, a peer that closes inside a message, or a length field outside
-// 4 .. NETBUF_MAX_FRAME.
+// 4 .. NETBUF_MAX_FRAME. A frame already read ahead is taken without touching the socket.
 int NetBufferRecv(NetBuffer* buf);
-// As NetBufferRecv, after waiting at most `microseconds` for the socket to become readable;
-// -2 when the time ran out (nothing was read), -1 when the wait itself failed.
+// True when a whole frame has already been read ahead, so that NetBufferRecv will not wait.
+bool NetBufferFrameReady(const NetBuffer* buf);
+// As NetBufferRecv, after waiting at most `microseconds` for the socket to become readable
+// (no wait when bytes were read ahead); -2 when the time ran out (nothing was read), -1 when the
+// wait itself failed.
 int NetBufferTimedRecv(NetBuffer* buf, int64_t microseconds);
 
 // Read one field at pos and advance. REQUIRES: NETBUF_PARSING and a field that ends inside the
@@ -94,6 +103,6 @@ int64_t NetBufferGetStr(NetBuffer* buf, char* dest);
 // The length of the next var, without consuming anything, so that the caller can allocate first.
 int64_t NetBufferGetLen(NetBuffer* buf);
 
-// Closes the socket (a failure is logged), sets it to -1, frees the data area. A buffer whose
-// socket is already -1 only releases its area.
+// Closes the socket (a failure is logged), sets it to -1, frees the data and read-ahead areas.
+// A buffer whose socket is already -1 only releases its areas.
 void NetBufferClose(NetBuffer* buf);

@@ -295,6 +295,40 @@ INSTANTIATE_TEST_SUITE_P(Chunking, NetBufferRecvDelivery,
                                                   4 * NETBUF_INITIAL_SIZE}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// One recv takes whatever has arrived, up to a chunk: frames that come together are read ahead
+// and handed out one by one, also across a message the client builds and sends in between.
+TEST(NetBufferRecvAhead, FramesThatArriveTogetherAreHandedOutOneByOne) {
+  const std::string big = letters(3 * NETBUF_CHUNK + 5);
+  ScriptedPeer peer;
+  peer.send(frame(be32(1)) + frame(be32(2)))  // one send: one segment on loopback
+      .read_frame()
+      .send(frame(kest_test::var(big)) + frame(be32(4)))
+      .close();
+  peer.start();
+  Connected c(peer);
+  ASSERT_EQ(NetBufferRecv(&c.nb), 1);
+  EXPECT_EQ(NetBufferGetInt(&c.nb), 1u);
+  EXPECT_TRUE(NetBufferFrameReady(&c.nb));
+  NetBufferClear(&c.nb);
+  NetBufferPutInt(&c.nb, 9);
+  ASSERT_EQ(NetBufferSend(&c.nb), 0);
+  ASSERT_EQ(NetBufferTimedRecv(&c.nb, 0), 1) << "a frame read ahead needs no wait";
+  EXPECT_EQ(NetBufferGetInt(&c.nb), 2u);
+  EXPECT_FALSE(NetBufferFrameReady(&c.nb));
+  ASSERT_EQ(NetBufferRecv(&c.nb), 1);
+  std::string got(static_cast<size_t>(NetBufferGetLen(&c.nb)), '\0');
+  NetBufferGetVar(&c.nb, got.data());
+  EXPECT_TRUE(got == big) << "a frame longer than a chunk, begun in the read-ahead area";
+  ASSERT_EQ(NetBufferRecv(&c.nb), 1);
+  EXPECT_EQ(NetBufferGetInt(&c.nb), 4u);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(NetBufferRecv(&c.nb), 0);
+  testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(peer.join());
+  ASSERT_EQ(peer.frames().size(), 1u);
+  EXPECT_EQ(peer.frames()[0], frame(be32(9)));
+}
+
 struct Ending {
   const char* name;
   std::string sent;  // what the peer sends before it ends
