@@ -3,8 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kernel/ltype.h"
@@ -13,6 +19,10 @@
 #include "tools/standalone_client/printer.h"
 #include "tools/standalone_client/session.h"
 #include "utils/netbuffer.h"
+
+#if __has_include(<unistd.h>)
+#include <unistd.h>
+#endif
 
 using kest_test::be32;
 using kest_test::frame;
@@ -183,6 +193,7 @@ TEST_F(Reception, TextValuesReachThePrinterIncludingTheEmptyOne) {
 }
 
 TEST_F(Reception, ServerErrorInTheStreamIsPrintedAndFailsTheQuery) {
+  print_results = 1;
   ScriptedPeer peer;
   peer.send(frame(ack_body(8, {{"a", false, "sint", "sint"}})) +
             data_frame(2, raw<int32_t>({1, 2})) + frame(be32(0xFFFFFFFFu) + be32(21) + be32(0)));
@@ -192,8 +203,64 @@ TEST_F(Reception, ServerErrorInTheStreamIsPrintedAndFailsTheQuery) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(receive_data(&client.conn), 2);
   EXPECT_EQ(receive_data(&client.conn), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error: Division by zero.\n");
+  printer_close(queryres.printer);
+  queryres.printer = nullptr;
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "1\n2\nError: Division by zero.\n")
+      << "the error line follows the rows printed before it";
   EXPECT_TRUE(peer.join());
+}
+
+// Standard output sent to a file for the life of the object, so that another thread can read
+// what has reached it.
+class StdoutToFile {
+ public:
+  explicit StdoutToFile(std::string path) : path_(std::move(path)) {
+    std::fflush(stdout);
+    saved_ = dup(1);
+    FILE* file = std::fopen(path_.c_str(), "wb");
+    dup2(fileno(file), 1);
+    std::fclose(file);
+  }
+  ~StdoutToFile() {
+    std::fflush(stdout);
+    dup2(saved_, 1);
+    close(saved_);
+    std::filesystem::remove(path_);
+  }
+  // Waits, at most ten seconds, until the file holds `text`.
+  bool wait_for(const std::string& text) const {
+    for (int i = 0; i < 1000; ++i) {
+      std::ostringstream got;
+      got << std::ifstream(path_, std::ios::binary).rdbuf();
+      if (got.str().find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+ private:
+  std::string path_;
+  int saved_ = -1;
+};
+
+// Rows are on their way to the screen before the client waits for more: the peer holds the end
+// of the results back until the first message's rows have reached standard output.
+TEST_F(Reception, RowsReachTheScreenBeforeTheClientWaitsForMore) {
+  print_results = 1;
+  const StdoutToFile out(
+      (std::filesystem::temp_directory_path() /
+       ("kest_rows_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + ".txt"))
+          .string());
+  ScriptedPeer peer;
+  peer.send(frame(ack_body(8, {{"a", false, "sint", "sint"}})) + data_frame(1, raw<int32_t>({42})))
+      .custom([&out](int32_t) { return out.wait_for("42\n"); })
+      .send(data_frame(0));
+  peer.start();
+  Client client(peer);
+  client.ack();
+  EXPECT_EQ(receive_data(&client.conn), 1);
+  EXPECT_EQ(receive_data(&client.conn), 0);
+  EXPECT_TRUE(peer.join()) << "the rows never reached standard output while the client waited";
 }
 
 struct Cutoff {

@@ -353,7 +353,7 @@ ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
     return nullptr;
   }
   print_head(*p, names);
-  p->out.flush();
+  p->out.drain();
   return p.release();
 }
 
@@ -368,7 +368,7 @@ void printer_rows(ResultPrinter* printer, void* const* data, const int32_t* sele
     print_table_rows(*printer, data, selection, rows);
   }
   printer->rows += rows;
-  printer->out.flush();
+  printer->out.drain();
 }
 
 void printer_close(ResultPrinter* printer) {

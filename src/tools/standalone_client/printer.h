@@ -17,14 +17,17 @@ enum : int { OUTPUT_ASCII = 0, OUTPUT_UNICODE = 1, OUTPUT_RAW = 2, OUTPUT_HTML =
 // `names` (ncols entries), `types`, `ltypes` and `isconst` are borrowed and must outlive the
 // printer. A column with an empty name and 1-byte values that is not the last one, and does not
 // follow such a column, is the null indicator of the next column and is never printed.
-// The head is written to `stream` and the stream flushed before the call returns.
+// The head is written to `stream` before the call returns; the stream is not flushed (see below).
 ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
                             const PhysicalType* const* types, const uint32_t* ltypes,
                             const int32_t* isconst, int mode);
 // Prints `rows` rows of one data message. `data` holds one data area per column (one value for a
 // constant column, else at least `rows` values, or as many as `selection` reaches); `selection`
-// (optional, may be null) lists the row indexes to print. Everything is written to the stream and
-// the stream flushed before the call returns. A null printer prints nothing.
+// (optional, may be null) lists the row indexes to print. Everything is written to the stream
+// before the call returns, so that text the caller writes to the same stream afterwards follows
+// it; the stream is not flushed: the caller flushes it before it waits for the next message, so
+// rows appear as their message arrives without a write per message when messages come
+// back to back. A null printer prints nothing.
 void printer_rows(ResultPrinter* printer, void* const* data, const int32_t* selection,
                   int64_t rows);
 // Prints the footer, flushes the stream and frees the printer. A null printer is ignored.

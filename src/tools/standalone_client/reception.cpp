@@ -173,6 +173,9 @@ void receive_ack(NetBuffer* netbuf, QueryAck* ack) {
 
 int64_t receive_data(ClientConnection* connection) {
   NetBuffer* netbuf = &connection->netbuf;
+  // What was printed must be on the screen before the client waits for the server; when the
+  // next message is already here, the output of both goes out together.
+  if (!NetBufferFrameReady(netbuf)) std::fflush(stdout);
   const int got = NetBufferRecv(netbuf);
   if (got <= 0) {
     ZN_LOG(kFacility, ZN_ERROR, got == 0 ? "connection closed by server" : "network error");
