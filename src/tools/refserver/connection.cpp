@@ -19,6 +19,8 @@ namespace {
 constexpr const char* kFacility = "REFSERVER";
 constexpr int64_t kPollMicros = 100000;  // how often a waiting connection looks at `stop`
 constexpr uint32_t kRequestQuery = 1;
+// Queued frames leave once they reach this many bytes, and at the end of every answer.
+constexpr size_t kSendBlock = 64 * 1024;
 
 struct QueryContextDeleter {
   void operator()(QueryContext* ctx) const { query_context_destroy(ctx); }
@@ -64,14 +66,31 @@ class Session {
     return s;
   }
 
-  AfterSend send(MessageKind kind, bool first_data = false) {
+  // `last` marks the final message of an answer.
+  AfterSend send(MessageKind kind, bool last, bool first_data = false) {
+    if (options_.fault == Fault::none) return queue(last);
     return send_message(&buf_, socket_, options_.fault, kind, first_data);
+  }
+
+  // The frames of one answer leave together: the acknowledgement, data and end of a short
+  // result reach the client in one segment, so each side wakes once per query instead of once
+  // per message. A long result leaves in blocks of kSendBlock bytes or more, each as soon as it
+  // is complete. (Fault modes send message by message: they stage breaks between messages.)
+  AfterSend queue(bool last) {
+    const auto [bytes, len] = built_frame(&buf_);
+    if (pending_.empty() && (last || len >= kSendBlock))
+      return NetBufferSend(&buf_) == 0 ? AfterSend::go_on : AfterSend::failed;
+    pending_.append(reinterpret_cast<const char*>(bytes), len);
+    if (!last && pending_.size() < kSendBlock) return AfterSend::go_on;
+    const bool sent = socket_send_all(socket_, pending_.data(), pending_.size(), NETBUF_CHUNK);
+    pending_.clear();
+    return sent ? AfterSend::go_on : AfterSend::failed;
   }
 
   AfterSend send_error(QueryContext* ctx, MessageKind kind) {
     put_error(&buf_, ctx->errors);
     ZN_LOG(kFacility, ZN_DEBUG, "query failed with error %d", ctx->errors->code);
-    return send(kind);
+    return send(kind, true);
   }
 
   AfterSend answer();
@@ -81,6 +100,7 @@ class Session {
   const ServerOptions& options_;
   const std::atomic<bool>& stop_;
   NetBuffer buf_{};
+  std::string pending_;  // whole frames queued by queue()
 };
 
 AfterSend Session::answer() {
@@ -107,7 +127,7 @@ AfterSend Session::answer() {
     StreamDistortion distortion;
     if (options_.fault == Fault::unknown_type) distortion.physical_name = "nosuchtype";
     put_ack(&buf_, source->schema(), options_.vector_size, distortion);
-    const AfterSend after = send(MessageKind::ack);
+    const AfterSend after = send(MessageKind::ack, false);
     if (after != AfterSend::go_on) return after;
     return stream(ctx.get(), *source);
   } catch (const QueryFailed&) {
@@ -129,13 +149,13 @@ AfterSend Session::stream(QueryContext* ctx, RowSource& source) {
     }
     if (!more) {
       put_end(&buf_);
-      return send(MessageKind::end, first);
+      return send(MessageKind::end, true, first);
     }
     if (first && distortion.extra_rows) {
       distortion.extra_rows = options_.vector_size + 1 - static_cast<int32_t>(batch.rows);
     }
     put_data(&buf_, source.schema(), batch, first ? distortion : StreamDistortion{});
-    const AfterSend after = send(MessageKind::data, first);
+    const AfterSend after = send(MessageKind::data, false, first);
     if (after != AfterSend::go_on) return after;
     first = false;
   }

@@ -27,13 +27,6 @@ void put_be32(unsigned char* p, uint32_t v) {
   p[3] = static_cast<unsigned char>(v);
 }
 
-// The built message as a whole frame: its length written into the header.
-std::pair<const unsigned char*, size_t> frame_of(NetBuffer* buf) {
-  auto* data = reinterpret_cast<unsigned char*>(buf->data);
-  put_be32(data, static_cast<uint32_t>(buf->pos));
-  return {data, static_cast<size_t>(buf->pos)};
-}
-
 bool send_header_only(int32_t socket, uint32_t length) {
   unsigned char header[4];
   put_be32(header, length);
@@ -41,6 +34,12 @@ bool send_header_only(int32_t socket, uint32_t length) {
 }
 
 }  // namespace
+
+std::pair<const unsigned char*, size_t> built_frame(NetBuffer* buf) {
+  auto* data = reinterpret_cast<unsigned char*>(buf->data);
+  put_be32(data, static_cast<uint32_t>(buf->pos));
+  return {data, static_cast<size_t>(buf->pos)};
+}
 
 bool fault_from_name(const std::string& name, Fault* fault) {
   for (const auto& [n, f] : kFaults) {
@@ -68,12 +67,12 @@ AfterSend send_message(NetBuffer* buf, int32_t socket, Fault fault, MessageKind 
     return send_header_only(socket, 3u << 30) ? AfterSend::close : AfterSend::failed;
   }
   if (fault == Fault::byte_by_byte) {
-    auto [bytes, len] = frame_of(buf);
+    auto [bytes, len] = built_frame(buf);
     return socket_send_all(socket, bytes, len, 1) ? AfterSend::go_on : AfterSend::failed;
   }
   if (fault == Fault::close_mid_frame && first_data &&
       (kind == MessageKind::data || kind == MessageKind::end)) {
-    auto [bytes, len] = frame_of(buf);
+    auto [bytes, len] = built_frame(buf);
     return socket_send_all(socket, bytes, len / 2, len) ? AfterSend::close : AfterSend::failed;
   }
   if (NetBufferSend(buf) != 0) return AfterSend::failed;

@@ -3,7 +3,9 @@
 // the first query's answer (and every later one).
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <utility>
 
 struct NetBuffer;
 
@@ -28,6 +30,10 @@ std::string fault_names();
 // What the connection does after a message was sent.
 enum class AfterSend { go_on, close, reset, failed };
 enum class MessageKind { ack, data, end, error };
+
+// The message built in `buf` (not yet sent) as a whole frame, its length written into the header.
+// The bytes are `buf`'s own and stay valid until the next put or clear.
+std::pair<const unsigned char*, size_t> built_frame(NetBuffer* buf);
 
 // Sends the message built in `buf` (not yet sent) over `socket` as `fault` prescribes for a
 // message of `kind`; the first data or end message of a result is marked by `first_data`.
