@@ -52,6 +52,8 @@ class Session {
 
  private:
   bool wait_for_message() {
+    // A query read ahead with the last one is not waiting on the socket.
+    if (NetBufferFrameReady(&buf_)) return true;
     for (;;) {
       if (stop_.load()) return false;
       const int ready = socket_wait_readable(socket_, kPollMicros);
