@@ -124,6 +124,11 @@ ScriptedPeer& ScriptedPeer::read_to_end() {
   return *this;
 }
 
+ScriptedPeer& ScriptedPeer::then(std::function<bool()> step) {
+  steps_.push_back([step = std::move(step)](int32_t&) { return step(); });
+  return *this;
+}
+
 ScriptedPeer& ScriptedPeer::wait_us(int microseconds) {
   steps_.push_back([microseconds](int32_t&) {
     std::this_thread::sleep_for(std::chrono::microseconds(microseconds));

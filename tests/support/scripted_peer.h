@@ -69,6 +69,8 @@ class ScriptedPeer {
   ScriptedPeer& wait_us(int microseconds);
   ScriptedPeer& close();  // orderly end (the client reads end-of-stream)
   ScriptedPeer& reset();  // abortive end (the client sees a connection reset)
+  // Runs `step` (false fails the script), for a wait on something outside the connection.
+  ScriptedPeer& then(std::function<bool()> step);
 
   // Starts the thread. A script without close() or reset() closes orderly at its end.
   void start();

@@ -253,7 +253,7 @@ TEST_F(Reception, RowsReachTheScreenBeforeTheClientWaitsForMore) {
           .string());
   ScriptedPeer peer;
   peer.send(frame(ack_body(8, {{"a", false, "sint", "sint"}})) + data_frame(1, raw<int32_t>({42})))
-      .custom([&out](int32_t) { return out.wait_for("42\n"); })
+      .then([&out] { return out.wait_for("42\n"); })
       .send(data_frame(0));
   peer.start();
   Client client(peer);
