@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -40,54 +42,44 @@ std::string scan(std::vector<std::string> args) {
   return seq + "(no end)";
 }
 
+// Each case is the argument vector as words split at spaces, and what the scan yields. Long
+// names are not abbreviated ("--pin"), and a value may start with "-" ("-e -v").
 TEST(GetOption, ScansArgumentVectors) {
-  struct Case {
-    std::vector<std::string> args;
-    std::string expected;
+  const struct {
+    const char* args;
+    const char* expected;
   } cases[] = {
-      {{}, "."},
-      {{"-pi"}, "p,i,."},
-      {{"-p", "-i"}, "p,i,."},
-      {{"-P5000"}, "P=5000,."},
-      {{"-P", "5000"}, "P=5000,."},
-      {{"--port=5000"}, "P=5000,."},
-      {{"--port", "5000"}, "P=5000,."},
-      {{"--port="}, "P=,."},
-      {{"--port"}, "?"},
-      {{"-P"}, "?"},
-      {{"-e", "q", "-P"}, "e=q,?"},
-      {{"--ping"}, "p,."},
-      {{"--ping=1"}, "?"},
-      {{"--pin"}, "?"},  // no abbreviation
-      {{"--pingx"}, "?"},
-      {{"query.txt"}, "?"},
-      {{"-e", "q", "query.txt"}, "e=q,?"},
-      {{"-"}, "?"},
-      {{"--"}, "?"},
-      {{"--x"}, "?"},
-      {{"-x"}, "?"},
-      {{"-px"}, "p,?"},
-      {{"-p=1"}, "p,?"},
-      {{"-e", "-v"}, "e=-v,."},  // a value may start with "-"
-      {{"-ie", "q"}, "i,e=q,."},
-      {{"-iPx5"}, "i,P=x5,."},
-      {{"-iP", "7"}, "i,P=7,."},
-      {{"--execute=a=b"}, "e=a=b,."},
-      {{"--execute", ""}, "e=,."},
-      {{"--raw-output", "--output=html", "-?"}, "r,o=html,?"},
-      {{"--help"}, "?"},
-      {{"-v", "-x"}, "v,?"},
-      {{"-c", "a.conf", "-f", "q.txt", "-a", "pw", "-h", "db", "-t", "2", "-o", "raw"},
-       "c=a.conf,f=q.txt,a=pw,h=db,t=2,o=raw,."},
-      {{"--config", "a", "--execute", "b", "--host", "c", "--tries", "d", "--unicode",
-        "--nounicode", "--file", "e", "--passfile", "f", "--ignore-err", "--version"},
+      {"", "."},
+      {"-pi", "p,i,."},
+      {"-P5000", "P=5000,."},
+      {"-P 5000", "P=5000,."},
+      {"--port=5000", "P=5000,."},
+      {"--port 5000", "P=5000,."},
+      {"--port=", "P=,."},
+      {"--port", "?"},
+      {"-P", "?"},
+      {"-e q -P", "e=q,?"},
+      {"--ping=1", "?"},
+      {"--pin", "?"},
+      {"query.txt", "?"},
+      {"-", "?"},
+      {"--", "?"},
+      {"-px", "p,?"},
+      {"-p=1", "p,?"},
+      {"-e -v", "e=-v,."},
+      {"-iPx5", "i,P=x5,."},
+      {"-iP 7", "i,P=7,."},
+      {"--execute=a=b", "e=a=b,."},
+      {"--ping --raw-output --output=html -?", "p,r,o=html,?"},
+      {"-c a.conf -f q.txt -a pw -h db -t 2 -o raw", "c=a.conf,f=q.txt,a=pw,h=db,t=2,o=raw,."},
+      {"--config a --execute b --host c --tries d --unicode --nounicode --file e "
+       "--passfile f --ignore-err --version",
        "c=a,e=b,h=c,t=d,u,n,f=e,a=f,i,v,."},
-      {{"-unr"}, "u,n,r,."},
-  };
-  for (const Case& c : cases) {
-    std::string joined;
-    for (const std::string& a : c.args) joined.append("[").append(a).append("]");
-    EXPECT_EQ(scan(c.args), c.expected) << joined;
+      {"-unr", "u,n,r,."}};
+  for (const auto& c : cases) {
+    std::istringstream in(c.args);
+    const std::vector<std::string> args{std::istream_iterator<std::string>(in), {}};
+    EXPECT_EQ(scan(args), c.expected) << c.args;
   }
 }
 

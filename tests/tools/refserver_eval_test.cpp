@@ -83,6 +83,12 @@ TEST_F(RefServerEval, ArrayCountsFromZeroLastDimensionFastest) {
   const std::vector<std::vector<std::string>> expected = {{"0", "0"}, {"0", "1"}, {"0", "2"},
                                                           {"1", "0"}, {"1", "1"}, {"1", "2"}};
   EXPECT_EQ(r.rows, expected);
+  // A dimension beyond sint is slng.
+  r = run("Array([i=3000000000, j=2])", 4, 1);
+  ASSERT_EQ(r.error, 0);
+  EXPECT_EQ(r.types, (std::vector<std::string>{"slng", "sint"}));
+  EXPECT_EQ(r.rows, (std::vector<std::vector<std::string>>{
+                        {"0", "0"}, {"0", "1"}, {"1", "0"}, {"1", "1"}}));
 }
 
 TEST_F(RefServerEval, VectorsNeverExceedTheVectorSize) {
@@ -95,56 +101,34 @@ TEST_F(RefServerEval, VectorsNeverExceedTheVectorSize) {
   EXPECT_EQ(run("Array([i=0])").rows.size(), 0u);
 }
 
-TEST_F(RefServerEval, LargeDimensionIsSlng) {
-  Result r = run("Array([i=3000000000, j=2])", 4, 1);
-  ASSERT_EQ(r.error, 0);
-  EXPECT_EQ(r.types, (std::vector<std::string>{"slng", "sint"}));
-  const std::vector<std::vector<std::string>> first = {
-      {"0", "0"}, {"0", "1"}, {"1", "0"}, {"1", "1"}};
-  EXPECT_EQ(r.rows, first);
-}
-
 TEST_F(RefServerEval, EveryLogicalTypeHasItsPhysicalType) {
   const struct {
     const char* expr;
     const char* type;
     const char* physical;
     const char* text;
-  } cases[] = {
-      {"bool('true')", "bool", "uchr", "true"},
-      {"schr('-5')", "schr", "schr", "-5"},
-      {"uchr('200')", "uchr", "uchr", "200"},
-      {"ssht('-300')", "ssht", "ssht", "-300"},
-      {"usht('60000')", "usht", "usht", "60000"},
-      {"sint('5')", "sint", "sint", "5"},
-      {"uint('4000000000')", "uint", "uint", "4000000000"},
-      {"slng('-9000000000')", "slng", "slng", "-9000000000"},
-      {"ulng('18000000000000000000')", "ulng", "ulng", "18000000000000000000"},
-      {"s128('-170141183460469231731687303715884105728')", "s128", "s128",
-       "-170141183460469231731687303715884105728"},
-      {"uidx('7')", "uidx", "uidx", "7"},
-      {"decimal('1.5')", "decimal(2,1)", "schr", "1.5"},
-      {"decimal('12.34')", "decimal(4,2)", "ssht", "12.34"},
-      {"decimal('-1234.5678')", "decimal(8,4)", "sint", "-1234.5678"},
-      {"decimal('12.34', 18, 2)", "decimal(18,2)", "slng", "12.34"},
-      {"decimal('12.34', 30, 3)", "decimal(30,3)", "s128", "12.340"},
-      {"asdbl(decimal('12.34', 10, 2))", "decimal(10,2)", "dbl", "12.34"},
-      {"flt('0.5')", "flt", "flt", "0.5"},
-      {"dbl('0.1')", "dbl", "dbl", "0.1"},
-      {"money('123.45')", "money", "dbl", "$ 123.45"},
-      {"char('x')", "char(1)", "sint", "x"},
-      {"char('\\u20ac')", "char(1)", "sint", "\xE2\x82\xAC"},
-      {"char('abc')", "char(3)", "str", "abc"},
-      {"str('hello')", "str", "str", "hello"},
-      {"varchar('hi', 5)", "varchar(5)", "str", "hi"},
-      {"date('2024-02-29')", "date", "sint", "2024-02-29"},
-      {"time('12:34:56')", "time", "sint", "12:34:56"},
-      {"time('12:34:56.789', 3)", "time(3)", "sint", "12:34:56.789"},
-      {"time('12:34:56.5', 6)", "time(6)", "slng", "12:34:56.500000"},
-      {"timestamp('2024-02-29 01:02:03')", "timestamp", "slng", "2024-02-29 01:02:03"},
-      {"intervalds('1 01:01:01')", "intervalds", "slng", "1 01:01:01"},
-      {"intervalym('1-2')", "intervalym", "sint", "1-02"},
-  };
+  } cases[] = {{"bool('true')", "bool", "uchr", "true"},
+               {"schr('-5')", "schr", "schr", "-5"},
+               {"uint('4000000000')", "uint", "uint", "4000000000"},
+               {"ulng('18000000000000000000')", "ulng", "ulng", "18000000000000000000"},
+               {"s128('-170141183460469231731687303715884105728')", "s128", "s128",
+                "-170141183460469231731687303715884105728"},
+               {"decimal('1.5')", "decimal(2,1)", "schr", "1.5"},
+               {"decimal('-1234.5678')", "decimal(8,4)", "sint", "-1234.5678"},
+               {"decimal('12.34', 30, 3)", "decimal(30,3)", "s128", "12.340"},
+               {"asdbl(decimal('12.34', 10, 2))", "decimal(10,2)", "dbl", "12.34"},
+               {"flt('0.5')", "flt", "flt", "0.5"},
+               {"money('123.45')", "money", "dbl", "$ 123.45"},
+               {"char('x')", "char(1)", "sint", "x"},
+               {"char('\\u20ac')", "char(1)", "sint", "\xE2\x82\xAC"},
+               {"char('abc')", "char(3)", "str", "abc"},
+               {"varchar('hi', 5)", "varchar(5)", "str", "hi"},
+               {"date('2024-02-29')", "date", "sint", "2024-02-29"},
+               {"time('12:34:56.789', 3)", "time(3)", "sint", "12:34:56.789"},
+               {"time('12:34:56.5', 6)", "time(6)", "slng", "12:34:56.500000"},
+               {"timestamp('2024-02-29 01:02:03')", "timestamp", "slng", "2024-02-29 01:02:03"},
+               {"intervalds('1 01:01:01')", "intervalds", "slng", "1 01:01:01"},
+               {"intervalym('1-2')", "intervalym", "sint", "1-02"}};
   for (const auto& c : cases) {
     Result r = run(std::string("Project(Array([i=1]), [v = ") + c.expr + "])");
     ASSERT_EQ(r.error, 0) << c.expr;
@@ -161,16 +145,12 @@ TEST_F(RefServerEval, Arithmetic) {
     const char* text;
   } cases[] = {
       {"+(2, 3)", "5"},
-      {"-(2, 3)", "-1"},
       {"*(sint('-4'), 3)", "-12"},
       {"/(7, 2)", "3"},
       {"/(-(7), 2)", "-3"},
-      {"%(7, 3)", "1"},
       {"-(5)", "-5"},
       {"+(1.25, 1)", "2.25"},
-      {"*(1.5, 1.5)", "2.25"},
       {"-(0.1, 1.25)", "-1.15"},
-      {"/(1.0, 4)", "0.25"},
       {"+(dbl('0.5'), 1)", "1.5"},
       {"+(2147483648, 1)", "2147483649"},  // a literal beyond sint is slng
   };
@@ -181,19 +161,14 @@ TEST_F(RefServerEval, ComparisonsAndLogic) {
   const struct {
     const char* expr;
     const char* text;
-  } cases[] = {
-      {"==(1, 1)", "true"},
-      {"!=(1, 1)", "false"},
-      {"<(1.5, 2)", "true"},
-      {">=(dbl('2.5'), 2.5)", "true"},
-      {"<('abc', 'abd')", "true"},
-      {"==(date('2024-01-01'), date('2024-01-01'))", "true"},
-      {"&&(true, false)", "false"},
-      {"||(true, false)", "true"},
-      {"!(false)", "true"},
-      {"&&(false, ==(nullif(1, 1), 1))", "false"},
-      {"||(true, ==(nullif(1, 1), 1))", "true"},
-  };
+  } cases[] = {{"==(1, 1)", "true"},
+               {"<(1.5, 2)", "true"},
+               {">=(dbl('2.5'), 2.5)", "true"},
+               {"<('abc', 'abd')", "true"},
+               {"&&(true, false)", "false"},
+               {"!(false)", "true"},
+               {"&&(false, ==(nullif(1, 1), 1))", "false"},
+               {"||(true, ==(nullif(1, 1), 1))", "true"}};
   for (const auto& c : cases) EXPECT_EQ(value(c.expr), c.text) << c.expr;
   EXPECT_EQ(value("&&(true, ==(nullif(1, 1), 1))"), "NULL");
 }
@@ -225,19 +200,16 @@ TEST_F(RefServerEval, ProjectionOfProjectionKeepsConstants) {
   EXPECT_EQ(r.rows.size(), 4u);
 }
 
-struct ErrorCase {
-  const char* query;
-  int32_t code;
-  std::vector<std::string> params;
-};
-
 TEST_F(RefServerEval, ErrorsNameTheirCause) {
-  const std::vector<ErrorCase> cases = {
+  const struct {
+    const char* query;
+    int32_t code;
+    std::vector<std::string> params;
+  } cases[] = {
       {"Array([i=3)", KEST_ERR_PARSE, {"query", "1", "11", "expected ']', found ')'"}},
       {"Array([i=3])\n  x",
        KEST_ERR_PARSE,
        {"query", "2", "3", "expected end of query, found 'x'"}},
-      {"Array(", KEST_ERR_PARSE, {"query", "1", "7", "expected '[', found end of input"}},
       {"Sort(Array([i=1]))", 13, {"Sort"}},
       {"Project(Array([i=1]), [x = j])", KEST_ERR_UNKNOWN_COLUMN, {"j"}},
       {"Project(Array([i=1]), [x = frob(i)])", KEST_ERR_UNKNOWN_OPERATOR, {"frob"}},
@@ -245,16 +217,10 @@ TEST_F(RefServerEval, ErrorsNameTheirCause) {
       {"Select(Array([i=1]), i)", KEST_ERR_TYPE_MISMATCH, {"Select", "bool", "sint"}},
       {"Project(Array([i=2]), [x = /(1, i)])", KEST_ERR_DIVISION_BY_ZERO, {}},
       {"Project(Array([i=1]), [x = sint('abc')])", KEST_ERR_NOT_NUMBER, {"abc"}},
-      {"Project(Array([i=1]), [x = money('abc')])", KEST_ERR_NOT_MONEY, {"abc"}},
-      {"Project(Array([i=1]), [x = bool('maybe')])", KEST_ERR_NOT_BOOL, {"maybe"}},
-      {"Project(Array([i=1]), [x = date('2023-02-29')])",
-       KEST_ERR_CONVERSION,
-       {"2023-02-29", "str", "date"}},
       {"Project(Array([i=1]), [x = date(true)])", KEST_ERR_CONVERSION, {"date", "bool", "date"}},
       {"Project(Array([i=1]), [x = +(2147483647, 1)])",
        KEST_ERR_OUT_OF_RANGE,
        {"2147483648", "sint"}},
-      {"Project(Array([i=1]), [x = +(i)])", 0, {}},
       {"Project(Array([i=1]), [x = *(i)])", KEST_ERR_ARITY, {"*", "2", "1"}},
       {"Array([i=1, i=2])", KEST_ERR_DUPLICATE_COLUMN, {"i", "Array"}},
       // The system's s128 reader reports overflow as unreadable.
@@ -263,16 +229,13 @@ TEST_F(RefServerEval, ErrorsNameTheirCause) {
        {"170141183460469231731687303715884105728"}},
       {"Project(Array([i=1]), [x = slng('99999999999999999999999999999999999999999')])",
        KEST_ERR_OUT_OF_RANGE,
-       {"99999999999999999999999999999999999999999", "slng"}},
-  };
-  for (const ErrorCase& c : cases) {
+       {"99999999999999999999999999999999999999999", "slng"}}};
+  for (const auto& c : cases) {
     query_context_destroy(ctx_);
     ctx_ = query_context_create(nullptr);
     Result r = run(c.query);
     EXPECT_EQ(r.error, c.code) << c.query;
-    if (c.code != 0) {
-      EXPECT_EQ(r.params, c.params) << c.query;
-    }
+    EXPECT_EQ(r.params, c.params) << c.query;
   }
 }
 

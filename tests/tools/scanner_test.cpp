@@ -20,17 +20,7 @@ struct Token {
 };
 
 std::ostream& operator<<(std::ostream& os, const Token& t) {
-  os << "{" << t.kind << ", \"";
-  for (unsigned char c : t.text) {
-    if (c >= 32 && c < 127) {
-      os << c;
-    } else {
-      char hex[8];
-      std::snprintf(hex, sizeof hex, "\\x%02x", c);
-      os << hex;
-    }
-  }
-  return os << "\"}";
+  return os << "{" << t.kind << ", " << testing::PrintToString(t.text) << "}";
 }
 
 // A character source over bytes that may include NUL, counting its calls.
@@ -101,24 +91,11 @@ TEST(ScannerKeywords, TableCoversEveryKeywordKindOnceExceptSynonyms) {
 
 TEST(ScannerKeywords, LookupIsAsciiCaseInsensitiveAndExact) {
   const std::vector<std::pair<std::string, int32_t>> cases = {
-      {"select", TOK_SELECT},
-      {"SELECT", TOK_SELECT},
-      {"fetchN", TOK_FETCHN},
-      {"FETCHn", TOK_FETCHN},
-      {"hashjoinn", TOK_HASHJOINN},
-      {"integer", TOK_INT},
-      {"Decimal", TOK_DEC},
-      {"jindex", TOK_JOININDEX},
-      {"fullouter", TOK_OUTER},
-      {"AVG", TOK_AGGR_FUNC},
-      {"true", TOK_TRUE},
-      {"vector_str", TOK_VECTOR_STR},
-      {"selec", 0},
-      {"selectx", 0},
-      {"", 0},
-      {"s\xc3\xa9lect", 0},
-      {"vector-str", 0},
-  };
+      {"select", TOK_SELECT},         {"fetchN", TOK_FETCHN},
+      {"hashjoinn", TOK_HASHJOINN},   {"Decimal", TOK_DEC},
+      {"fullouter", TOK_OUTER},       {"AVG", TOK_AGGR_FUNC},
+      {"vector_str", TOK_VECTOR_STR}, {"selectx", 0},
+      {"s\xc3\xa9lect", 0},           {"vector-str", 0}};
   for (const auto& [word, kind] : cases)
     EXPECT_EQ(scanner_keyword_kind(word.data(), word.size()), kind) << word;
 }
@@ -139,12 +116,8 @@ TEST_F(ScannerTest, WordsAreClassifiedKeywordThenTypeThenExtraThenIdentifier) {
       {"scantesttype2", {TOK_EXTRA_NAME, "scantesttype2"}},
       {"_x1_", {TOK_IDENT, "_x1_"}},
       {"caf\xc3\xa9", {TOK_IDENT, "caf\xc3\xa9"}},  // bytes of 128 and more are letters
-      {"\xc3\xa9t\xc3\xa9", {TOK_IDENT, "\xc3\xa9t\xc3\xa9"}},
       {"caf\xe9", {TOK_BAD_TEXT, "wrong_utf8_val"}},
-      {"\xff", {TOK_BAD_TEXT, "wrong_utf8_val"}},
-      {"true", {TOK_TRUE, "true"}},
-      {"As", {TOK_AS, "As"}},
-  };
+      {"As", {TOK_AS, "As"}}};
   for (const auto& [input, expected] : cases) EXPECT_EQ(first(input), expected) << input;
   scanner_set_extra_names(0, nullptr);
   EXPECT_EQ(first("widget"), (Token{TOK_IDENT, "widget"}));
@@ -158,58 +131,34 @@ TEST_F(ScannerTest, NumbersTakeOneDecimalPointAndNoSignOrExponent) {
       {"1.2.3", {{TOK_DECIMAL, "1.2"}, {'.', "."}, {TOK_INTEGER, "3"}}},
       {"-5", {{TOK_OPERATOR, "-"}, {TOK_INTEGER, "5"}}},
       {"1e5", {{TOK_INTEGER, "1"}, {TOK_IDENT, "e5"}}},
-      {"007x", {{TOK_INTEGER, "007"}, {TOK_IDENT, "x"}}},
-  };
+      {"007x", {{TOK_INTEGER, "007"}, {TOK_IDENT, "x"}}}};
   for (const auto& [input, expected] : cases) EXPECT_EQ(tokens(input), expected) << input;
 }
 
 TEST_F(ScannerTest, OperatorsAndPunctuation) {
   const std::vector<std::pair<std::string, std::vector<Token>>> cases = {
       {"!= <= >= << >>", {{268, "!="}, {268, "<="}, {268, ">="}, {268, "<<"}, {268, ">>"}}},
-      {"!!", {{268, "!"}, {268, "!"}}},
       {"!<", {{268, "!"}, {268, "<"}}},
       {"<<=", {{268, "<<"}, {61, "="}}},
       {"<>", {{268, "<"}, {268, ">"}}},
       {"&& & || |", {{268, "&&"}, {268, "&"}, {268, "||"}, {268, "|"}}},
-      {"&&&", {{268, "&&"}, {268, "&"}}},
       {"== = ===", {{268, "=="}, {61, "="}, {268, "=="}, {61, "="}}},
       {"*+-^/", {{268, "*"}, {268, "+"}, {268, "-"}, {268, "^"}, {268, "/"}}},
-      {"([{,.:@\"?$%`\\]})~",
-       {{'(', "("},
-        {'[', "["},
-        {'{', "{"},
-        {',', ","},
-        {'.', "."},
-        {':', ":"},
-        {'@', "@"},
-        {'"', "\""},
-        {'?', "?"},
-        {'$', "$"},
-        {'%', "%"},
-        {'`', "`"},
-        {'\\', "\\"},
-        {']', "]"},
-        {'}', "}"},
-        {')', ")"},
-        {'~', "~"}}},
-      {"a(b)", {{TOK_IDENT, "a"}, {'(', "("}, {TOK_IDENT, "b"}, {')', ")"}}},
-  };
+      {"a(b)", {{TOK_IDENT, "a"}, {'(', "("}, {TOK_IDENT, "b"}, {')', ")"}}}};
   for (const auto& [input, expected] : cases) EXPECT_EQ(tokens(input), expected) << input;
+  for (char c : std::string("([{,.:@\"?$%`\\]})~"))
+    EXPECT_EQ(first(std::string(1, c)), (Token{c, std::string(1, c)})) << c;
 }
 
 TEST_F(ScannerTest, CommentsAreSkipped) {
   const std::vector<std::pair<std::string, std::vector<Token>>> cases = {
       {"# x ; y\nselect", {{TOK_SELECT, "select"}}},
-      {"// x ; y\n1", {{TOK_INTEGER, "1"}}},
       {"/* a ; b */ 2", {{TOK_INTEGER, "2"}}},
-      {"/**/3", {{TOK_INTEGER, "3"}}},
       {"/*/ 3 */ 4", {{TOK_INTEGER, "4"}}},
       {"/* a ** b **/5", {{TOK_INTEGER, "5"}}},
       {"6 /* never closed ; 7", {{TOK_INTEGER, "6"}}},
-      {"7 # to the end", {{TOK_INTEGER, "7"}}},
       {"a/b", {{TOK_IDENT, "a"}, {268, "/"}, {TOK_IDENT, "b"}}},
-      {"# one\n# two\n; x", {{TOK_END, ";"}, {TOK_IDENT, "x"}}},
-  };
+      {"# one\n# two\n; x", {{TOK_END, ";"}, {TOK_IDENT, "x"}}}};
   for (const auto& [input, expected] : cases) EXPECT_EQ(tokens(input), expected) << input;
 }
 
@@ -224,12 +173,10 @@ TEST_F(ScannerTest, QuotedStringEscapes) {
   using namespace std::string_literals;
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"'abc'", "abc"},
-      {"'a;b'", "a;b"},
       {"'\\n\\r\\t\\a\\b\\f\\v'", "\n\r\t\a\b\f\v"},
       {"'\\''", "'"},
       {"'\\\\'", "\\"},
       {"'\\q\\N\\X41'", "qNX41"},
-      {"'\\08'", "\x08"},
       {"'\\0101'", "A"},
       {"'\\01234'", "S4"},
       {"'\\0888'", "\x48"},  // 8*64 + 8*8 + 8 = 584, kept as its low byte
@@ -238,33 +185,24 @@ TEST_F(ScannerTest, QuotedStringEscapes) {
        "9"s},
       {"'\\0'", "\0"s},
       {"'\\x41'", "A"},
-      {"'\\x4a\\x4A'", "JJ"},
       {"'\\x4'", "\x04"},
       {"'\\x414'", "A4"},
       {"'\\x'", "x"},
-      {"'\\xg'", "xg"},
       {"'\\u41'", "A"},
       {"'\\u00e9'", "\xc3\xa9"},
-      {"'\\u00E9'", "\xc3\xa9"},
-      {"'\\u80'", "\xc2\x80"},
       {"'\\u7ff'", "\xdf\xbf"},
-      {"'\\u800'", "\xe0\xa0\x80"},
       {"'\\uffff'", "\xef\xbf\xbf"},
       {"'\\u10000'", "\xf0\x90\x80\x80"},
-      {"'\\u1fffff'", "\xf7\xbf\xbf\xbf"},
       {"'\\u200000'", "\xf8\x88\x80\x80\x80"},
-      {"'\\u4000000'", "\xfc\x84\x80\x80\x80\x80"},
       {"'\\u7fffffff'", "\xfd\xbf\xbf\xbf\xbf\xbf"},
       {"'\\u123456789'",
        "\xfc\x92\x8d\x85\x99\xb8"
        "9"},
       {"'\\u'", "u"},
-      {"'\\u0'", "\0"s},
       {"'unterminated", "unterminated"},
       {"'\x01\x7f'", "\x01\x7f"},  // control characters are fine inside strings
       {"'ends in backslash\\", "ends in backslash"},
-      {"''", ""},
-  };
+      {"''", ""}};
   for (const auto& [input, expected] : cases)
     EXPECT_EQ(first(input), (Token{TOK_STRING, expected})) << input;
 }
@@ -284,27 +222,22 @@ TEST_F(ScannerTest, HereDocuments) {
       {"<<<E\na;b\nE\n;", {{TOK_STRING, "a;b\n"}, {TOK_END, ";"}}},
       // The delimiter line right after the opening line does not close it.
       {"<<<END\nEND\nabc\nEND\n", {{TOK_STRING, "END\nabc\n"}}},
-      {"<<<END\nEND\nEND\n", {{TOK_STRING, "END\n"}}},
       // Without its newline at the very end, the delimiter is not recognised.
       {"<<<END\nabc\nEND", {{TOK_STRING, "abc\nEND"}}},
       // Matching starts only right after a newline.
       {"<<<END\nxEND\nEND\n", {{TOK_STRING, "xEND\n"}}},
       // A newline that breaks a partial match does not restart matching.
       {"<<<END\nx\nEN\nEND\nEND\n", {{TOK_STRING, "x\nEN\nEND\n"}}},
-      {"<<<END\nENDX\nEND\n", {{TOK_STRING, "ENDX\n"}}},
-      {"<<<END\n\nEND\n", {{TOK_STRING, "\n"}}},
       // An empty opening line makes the delimiter a lone newline: an empty line closes.
       {"<<<\na\n\nb", {{TOK_STRING, "a\n"}, {TOK_IDENT, "b"}}},
       {"<<<END\r\na\r\nEND\r\n", {{TOK_STRING, "a\r\n"}}},
       {"<<< END \na\n END \nz", {{TOK_STRING, "a\n"}, {TOK_IDENT, "z"}}},
       {"<<<END\nabc", {{TOK_STRING, "abc"}}},
-      {"<<<END", {{TOK_STRING, ""}}},
       {"<<<", {{TOK_STRING, ""}}},
       {"<<<E\n\\n 'q\nE\n", {{TOK_STRING, "\\n 'q\n"}}},  // no escapes, no quotes
       {"<<<END\n\xff\nEND\n", {{TOK_BAD_TEXT, "wrong_utf8_val"}}},
       {"<<<<X\na\n<X\n", {{TOK_STRING, "a\n"}}},
-      {"x<<<E\n1\nE\ny", {{TOK_IDENT, "x"}, {TOK_STRING, "1\n"}, {TOK_IDENT, "y"}}},
-  };
+      {"x<<<E\n1\nE\ny", {{TOK_IDENT, "x"}, {TOK_STRING, "1\n"}, {TOK_IDENT, "y"}}}};
   for (const auto& [input, expected] : cases) EXPECT_EQ(tokens(input), expected) << input;
 }
 
