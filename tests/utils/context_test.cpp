@@ -28,32 +28,19 @@ class QueryContextTest : public testing::Test {
   QueryContext* ctx_ = nullptr;
 };
 
-TEST_F(QueryContextTest, StartsEmptyAndCollecting) {
-  EXPECT_TRUE(ctx_->collect_errors);
-  EXPECT_EQ(ctx_->errors, nullptr);
-  EXPECT_NE(ctx_->mem, nullptr);
-  EXPECT_NE(ctx_->lock, nullptr);
-}
-
 TEST_F(QueryContextTest, AppendsInOrderWithCopiedParameters) {
+  EXPECT_EQ(ctx_->errors, nullptr);
   std::string column = "price";
   add_error(ctx_, "TEST", KEST_ERR_UNKNOWN_COLUMN, 1, column.c_str());
   column = "changed";
   EXPECT_EQ(add_error_ret(ctx_, "TEST", KEST_ERR_PARSE, 4, "q.txt", "3", "7", "x"), 1);
-  add_error(ctx_, "TEST", KEST_ERR_DIVISION_BY_ZERO, 0);
-  ASSERT_EQ(codes(), (std::vector<int32_t>{11, 10, 21}));
+  add_error(ctx_, "TEST", KEST_ERR_CONVERSION, 3, "1x", static_cast<const char*>(nullptr), "sint");
+  ASSERT_EQ(codes(), (std::vector<int32_t>{11, 10, KEST_ERR_CONVERSION}));
   KestError* first = ctx_->errors;
-  ASSERT_EQ(first->num_err_params, 1);
-  EXPECT_STREQ(first->params[0], "price");
+  EXPECT_STREQ(kest_error_text(ctx_->mem, first), "Unknown column price.");
   EXPECT_STREQ(kest_error_text(ctx_->mem, first->next),
                "Parse error in q.txt at line 3, column 7: x.");
-}
-
-TEST_F(QueryContextTest, NullParameterStaysNull) {
-  add_error(ctx_, "TEST", KEST_ERR_CONVERSION, 3, "1x", static_cast<const char*>(nullptr), "sint");
-  ASSERT_EQ(codes(), std::vector<int32_t>{KEST_ERR_CONVERSION});
-  EXPECT_EQ(ctx_->errors->params[1], nullptr);
-  EXPECT_STREQ(kest_error_text(ctx_->mem, ctx_->errors), "Cannot convert '1x' from  to sint.");
+  EXPECT_EQ(first->next->next->params[1], nullptr);  // a null parameter stays null
 }
 
 TEST_F(QueryContextTest, LeadingOkRecordIsReplacedNotAppendedTo) {

@@ -54,7 +54,6 @@ TEST_F(KestErrorTest, FormatsTemplates) {
        7,
        {"port", "client"},
        "Invalid value for property port in group client: ''."},
-      {"no parameters at all", 10, {}, "Parse error in  at line , column : ."},
       {"null parameter copies nothing",
        26,
        {"x", nullptr, "sint"},
@@ -64,13 +63,7 @@ TEST_F(KestErrorTest, FormatsTemplates) {
        {"97", "1024"},
        "Memory limit reached: 97% of 1024 bytes in use."},
       {"parameters out of order", 148, {"t", "5", "12"}, "t stores 12 records with 5 unique keys"},
-      {"extra parameters are ignored", 21, {"a", "b"}, "Division by zero."},
-      {"text without placeholders", 0, {}, "No error."},
       {"unknown code below the table", -1, {}, "Unknown error code -1 (no parameters)"},
-      {"unknown code above the table",
-       100000,
-       {"a", "b"},
-       "Unknown error code 100000 (parameters: 'a', 'b')"},
       {"first code past the table",
        KEST_ERROR_COUNT,
        {nullptr, "%0"},
@@ -109,30 +102,15 @@ TEST_F(KestErrorTest, LengthCountsTemplateEachParameterOnceAndTerminator) {
             std::strlen("Unknown error code 100000 (parameters: 'a', 'b')") + 1);
 }
 
-TEST_F(KestErrorTest, ParametersAreCopiedIntoTheContext) {
-  char text[] = "column";
-  KestError* err = make(11, {text});
-  text[0] = 'X';
-  EXPECT_STREQ(err->params[0], "column");
-  EXPECT_EQ(err->next, nullptr);
+TEST_F(KestErrorTest, ParametersAndTextAreCopiedIntoTheContext) {
+  char column[] = "k";
+  KestError* err = make(11, {column});
+  column[0] = 'X';
   EXPECT_EQ(err->code, 11);
-  EXPECT_GT(mem_context_cur_mem(mem_), 0u);
-}
-
-TEST_F(KestErrorTest, TextIsAllocatedInTheContext) {
-  KestError* err = make(11, {"k"});
   char* text = kest_error_text(mem_, err);
   EXPECT_STREQ(text, "Unknown column k.");
   EXPECT_NE(text, KEST_ERROR_NO_MEMORY_TEXT);
-}
-
-TEST(KestErrorTable, TemplatesAndEndOfTable) {
-  EXPECT_STREQ(kest_error_template(KEST_OK), "No error.");
-  EXPECT_STREQ(kest_error_template(KEST_ERR_PARSE), "Parse error in %0 at line %1, column %2: %3.");
-  EXPECT_STREQ(kest_error_template(48), kest_error_template(49));
-  EXPECT_NE(std::strstr(kest_error_template(63), "Unexepected"), nullptr);
-  EXPECT_NE(std::strstr(kest_error_template(7), "'%2'"), nullptr);
-  for (int32_t code : {-1, KEST_ERROR_COUNT, 100000, INT32_MIN, INT32_MAX}) {
+  for (int32_t code : {-1, KEST_ERROR_COUNT, INT32_MIN, INT32_MAX}) {
     EXPECT_EQ(kest_error_template(code), nullptr) << code;
   }
 }
@@ -157,22 +135,9 @@ TEST(KestErrorTable, EveryTemplateObeysThePlaceholderRules) {
     }
   }
   EXPECT_GE(percent_literals, 1);
-}
-
-TEST(KestErrorTable, ServerCodesNameWhatTheyMean) {
-  const struct {
-    int32_t code;
-    const char* word;
-  } cases[] = {
-      {KEST_ERR_UNKNOWN_COLUMN, "column"},    {KEST_ERR_TYPE_MISMATCH, "mismatch"},
-      {KEST_ERR_DIVISION_BY_ZERO, "zero"},    {KEST_ERR_UNKNOWN_OPERATOR, "operator"},
-      {KEST_ERR_AUTHENTICATION, "uthentica"}, {KEST_ERR_UNSUPPORTED_REQUEST, "request"},
-      {KEST_ERR_NOT_NUMBER, "number"},        {KEST_ERR_NOT_MONEY, "money"},
-      {KEST_ERR_NOT_BOOL, "boolean"},         {KEST_ERR_CONVERSION, "%2"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_NE(std::strstr(kest_error_template(c.code), c.word), nullptr) << c.code;
-  }
+  // Texts the server shares word for word, slips included.
+  EXPECT_STREQ(kest_error_template(48), kest_error_template(49));
+  EXPECT_NE(std::strstr(kest_error_template(63), "Unexepected"), nullptr);
 }
 
 TEST(KestErrorHelpers, NegativeStatusAndNegation) {
@@ -187,14 +152,11 @@ TEST(KestErrorHelpers, NegativeStatusAndNegation) {
 TEST(KestErrorDeathTest, AssertionsNameTheBrokenCondition) {
   MemContext* mem = mem_context_create(nullptr, "death");
   KestError* err = kest_error_create(mem, 10, 2);
-  char buf[8];
   EXPECT_DEATH(kest_error_create(nullptr, 1, 0), "ERROR:ERROR:assertion \"mem\" failed");
   EXPECT_DEATH(kest_error_set_param(nullptr, mem, 0, "x"), "assertion \"error\" failed");
-  EXPECT_DEATH(kest_error_set_param(err, nullptr, 0, "x"), "assertion \"mem\" failed");
   EXPECT_DEATH(kest_error_set_param(err, mem, 2, "x"),
                "assertion \"num < error->num_err_params\" failed");
   EXPECT_DEATH(kest_error_msg_len(nullptr), "assertion \"err\" failed");
-  EXPECT_DEATH(kest_error_format(nullptr, buf), "assertion \"err\" failed");
   mem_context_destroy(mem);
 }
 

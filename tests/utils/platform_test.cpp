@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -30,18 +30,13 @@ TEST(UtcFieldsToSeconds, KnownDates) {
   };
   const Case cases[] = {
       {1970, 1, 1, 0, 0, 0, 0},
-      {1970, 1, 2, 0, 0, 1, 86401},
       {1972, 12, 31, 23, 59, 59, 94694399},  // end of the first leap year
-      {1999, 12, 31, 23, 59, 59, 946684799},
-      {2000, 2, 29, 23, 59, 59, 951868799},  // 2000 is a leap year (divisible by 400)
-      {2000, 3, 1, 0, 0, 0, 951868800},
-      {2038, 1, 19, 3, 14, 7, 2147483647},  // the last second a 32-bit count holds
-      {2100, 2, 28, 12, 0, 0, 4107499200},
-      {2100, 3, 1, 0, 0, 0, 4107542400},  // February 2100 has 28 days
+      {2000, 3, 1, 0, 0, 0, 951868800},      // 2000 is a leap year (divisible by 400)
+      {2038, 1, 19, 3, 14, 7, 2147483647},   // the last second a 32-bit count holds
+      {2100, 3, 1, 0, 0, 0, 4107542400},     // February 2100 has 28 days
   };
   for (const Case& c : cases) {
-    EXPECT_EQ(utc_fields_to_seconds(c.y, c.mo, c.d, c.h, c.mi, c.s), c.want)
-        << c.y << "-" << c.mo << "-" << c.d;
+    EXPECT_EQ(utc_fields_to_seconds(c.y, c.mo, c.d, c.h, c.mi, c.s), c.want) << c.y;
   }
 }
 
@@ -60,56 +55,38 @@ TEST(UtcFieldsToSeconds, AgreesWithCivilCalendarOnRandomDates) {
   }
 }
 
-TEST(Clock, GettimeofdayFollowsTheSystemClockAtMillisecondResolution) {
+TEST(Clock, ReadingsAgreeWithTheSystemClock) {
   TimeVal tv{-1, -1};
   const int64_t before = static_cast<int64_t>(std::time(nullptr));
   ASSERT_EQ(gettimeofday(&tv, nullptr), 0);
+  const int64_t day = current_day_number(), usec = current_time_usec();
+  const int64_t midnight = current_usec_since_midnight();
   const int64_t after = static_cast<int64_t>(std::time(nullptr));
   EXPECT_GE(tv.tv_sec, before);
   EXPECT_LE(tv.tv_sec, after);
   EXPECT_GE(tv.tv_usec, 0);
   EXPECT_LT(tv.tv_usec, 1000000);
-  EXPECT_EQ(tv.tv_usec % 1000, 0);
-}
-
-TEST(Clock, DerivedCountsAreConsistentWithTheSeconds) {
-  const int64_t day_before = static_cast<int64_t>(std::time(nullptr)) / 86400 + 719528;
-  const int64_t day = current_day_number();
-  const int64_t usec = current_time_usec();
-  const int64_t midnight = current_usec_since_midnight();
-  EXPECT_GE(day, day_before);
-  EXPECT_LE(day, day_before + 1);
-  // Microseconds since year 0 divided by a day gives the day number.
+  EXPECT_EQ(tv.tv_usec % 1000, 0);  // millisecond resolution
+  // Days since year 0; microseconds since year 0 divided by a day give the day number.
+  EXPECT_GE(day, before / 86400 + 719528);
+  EXPECT_LE(day, after / 86400 + 719528);
   EXPECT_GE(usec / 86400000000LL, day);
-  EXPECT_LE(usec / 86400000000LL, day + 1);
+  EXPECT_LE(usec / 86400000000LL, day + 1);  // midnight may pass in between
   EXPECT_GE(midnight, 0);
   EXPECT_LT(midnight, 86400000000LL);
-}
-
-TEST(Clock, LocalTimeFieldsAreInRange) {
   const LocalTime t = local_time_now();
   EXPECT_GE(t.year, 2020);
-  EXPECT_GE(t.month, 1);
-  EXPECT_LE(t.month, 12);
-  EXPECT_GE(t.day, 1);
-  EXPECT_LE(t.day, 31);
-  EXPECT_LT(t.hour, 24);
-  EXPECT_LT(t.minute, 60);
-  EXPECT_LE(t.second, 60);
-  EXPECT_GE(t.usec, 0);
-  EXPECT_LT(t.usec, 1000000);
+  EXPECT_TRUE(t.month >= 1 && t.month <= 12 && t.day >= 1 && t.day <= 31) << t.month << t.day;
+  EXPECT_TRUE(t.hour < 24 && t.minute < 60 && t.second <= 60 && t.usec < 1000000);
 }
 
 TEST(Process, IdsAndEnvironment) {
   EXPECT_GT(current_process_id(), 0);
   const uint32_t main_id = current_thread_id();
-  EXPECT_EQ(current_thread_id(), main_id);
   uint32_t other_id = main_id;
   std::thread([&] { other_id = current_thread_id(); }).join();
   EXPECT_NE(other_id, main_id);
-
   ASSERT_EQ(platform_setenv("KEST_PLATFORM_TEST_VAR", "a value"), 0);
-  ASSERT_NE(std::getenv("KEST_PLATFORM_TEST_VAR"), nullptr);
   EXPECT_STREQ(std::getenv("KEST_PLATFORM_TEST_VAR"), "a value");
   ASSERT_EQ(platform_setenv("KEST_PLATFORM_TEST_VAR", nullptr), 0);
   const char* gone = std::getenv("KEST_PLATFORM_TEST_VAR");
@@ -159,10 +136,6 @@ TEST(Lock, SerialisesIncrementsFromManyThreads) {
 TEST(TimedLock, UncontendedUseNeverTouchesTheWaitCounters) {
   TimedLock* lock = timed_lock_create();
   ASSERT_NE(lock, nullptr);
-  const TimedLockStats fresh = timed_lock_stats(lock);
-  EXPECT_EQ(fresh.acquisitions, 0u);
-  EXPECT_EQ(fresh.hold_min, std::numeric_limits<uint64_t>::max());
-  EXPECT_EQ(fresh.wait_min, std::numeric_limits<uint64_t>::max());
   for (int i = 0; i < 100; ++i) {
     timed_lock_acquire(lock);
     timed_lock_release(lock);
@@ -175,65 +148,31 @@ TEST(TimedLock, UncontendedUseNeverTouchesTheWaitCounters) {
   EXPECT_EQ(s.wait_total, 0u);
   EXPECT_LE(s.hold_min, s.hold_max);
   EXPECT_GE(s.hold_total, s.hold_max);
-  EXPECT_NE(s.last_acquired, 0u);
   timed_lock_destroy(lock);
 }
 
-TEST(TimedLock, ABlockedAcquisitionCountsAsContended) {
-  TimedLock* lock = timed_lock_create();
-  ASSERT_NE(lock, nullptr);
-  // A thread only counts as contended when it arrives while the lock is held; the holder keeps
-  // it a while after the other thread announces itself. Bounded retries absorb a slow scheduler.
-  for (int attempt = 0; attempt < 5 && timed_lock_stats(lock).contended == 0; ++attempt) {
-    timed_lock_acquire(lock);
-    std::atomic<bool> arriving{false};
-    std::thread other([&] {
-      arriving = true;
-      timed_lock_acquire(lock);
-      timed_lock_release(lock);
-    });
-    while (!arriving) std::this_thread::yield();
-    sleep_ms(30);
-    timed_lock_release(lock);
-    other.join();
-  }
-  const TimedLockStats s = timed_lock_stats(lock);
-  ASSERT_GE(s.contended, 1u);
-  EXPECT_LE(s.wait_min, s.wait_max);
-  EXPECT_GE(s.wait_total, s.wait_max);
-  EXPECT_GT(s.wait_total, 0u);
-  EXPECT_EQ(s.acquisitions % 2, 0u);
-  timed_lock_destroy(lock);
-}
-
-TEST(VirtualMemory, ReservationNotAboveSizeGivesExactlyTheRoundedSize) {
+// A reservation not above the size gives exactly the size rounded to pages; one above it is
+// rounded to the allocation granularity.
+TEST(VirtualMemory, ReserveAndCommitRoundsTheReservation) {
   struct Case {
     size_t size, reserve, want_reserved;
   };
   const Case cases[] = {
-      {5000, 0, 8192},  // R = 0 rounds to 0: commit exactly S rounded to pages
-      {4096, 0, 4096},
-      {65536, 65536, 65536},  // R equal to S
-      {70000, 65536, 73728},  // R below S
+      {5000, 0, 8192},
+      {65536, 65536, 65536},
+      {70000, 65536, 73728},
+      {5000, 100000, 131072},
   };
   for (const Case& c : cases) {
     size_t reserved = c.reserve;
     auto* p = static_cast<unsigned char*>(vm_reserve_commit(c.size, &reserved));
     ASSERT_NE(p, nullptr);
-    EXPECT_EQ(reserved, c.want_reserved) << "size " << c.size;
-    std::memset(p, 0xAB, reserved);  // all of it is usable
-    EXPECT_EQ(p[reserved - 1], 0xAB);
+    EXPECT_EQ(reserved, c.want_reserved) << "size " << c.size << " reserve " << c.reserve;
+    const size_t committed = std::min(reserved, (c.size + 4095) / 4096 * 4096);
+    std::memset(p, 0xAB, committed);  // all of the committed part is usable
+    EXPECT_EQ(p[committed - 1], 0xAB);
     vm_release(p, reserved);
   }
-}
-
-TEST(VirtualMemory, ReservationAboveSizeIsRoundedToTheGranularity) {
-  size_t reserved = 100000;
-  auto* p = static_cast<unsigned char*>(vm_reserve_commit(5000, &reserved));
-  ASSERT_NE(p, nullptr);
-  EXPECT_EQ(reserved, 131072u);
-  std::memset(p, 1, 8192);
-  vm_release(p, reserved);
 }
 
 TEST(VirtualMemory, ResizeGrowsInPlaceWithinTheReservationAndMovesBeyondIt) {
@@ -261,6 +200,7 @@ TEST(VirtualMemory, ResizeGrowsInPlaceWithinTheReservationAndMovesBeyondIt) {
   vm_release(moved, reserved);
 }
 
+// Without large pages the large forms behave as the plain ones.
 TEST(VirtualMemory, LargeFormsWorkWithoutLargePages) {
   EXPECT_EQ(large_page_size(), 0u);
   size_t reserved = 0;

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <random>
+#include <fstream>
 #include <string>
 
 #include "utils/platform.h"
@@ -29,24 +29,19 @@ struct RuleCase {
 };
 
 TEST(LogConfigRules, FieldsComeFromTheListOrTheDefaultAsItStood) {
+  const char* const later_default = "default = red:stdout\nNETBUFFER = error\ndefault = trace";
   const RuleCase cases[] = {
       {"", nullptr, 2, 16, kStderrBit},
-      {"default = debug:stdout", nullptr, 3, 16, kStdoutBit},
       {"default = stdout:file:stderr", nullptr, 2, 16, kStdoutBit | kStderrBit | kFileBit},
       {"default = red:trace:green:warn", nullptr, 1, 2, kStderrBit},  // the last one wins
-      {"NETBUFFER = error\ndefault = trace", "NETBUFFER", 0, 16, kStderrBit},
-      {"default = trace", nullptr, 4, 16, kStderrBit},
-      {"default = red:stdout\nNETBUFFER = error\ndefault = trace", "NETBUFFER", 0, 1, kStdoutBit},
-      {"default = red:stdout\nNETBUFFER = error\ndefault = trace", nullptr, 4, 16, kStderrBit},
+      {later_default, "NETBUFFER", 0, 1, kStdoutBit},
       // A later default starts from the built-in rule, not from the one before it.
-      {"default = red:stdout:debug\ndefault = warn", nullptr, 1, 16, kStderrBit},
+      {later_default, nullptr, 4, 16, kStderrBit},
       {"facility LTYPE = white:file", "LTYPE", 2, 15, kFileBit},
-      {"facility default = error", nullptr, 0, 16, kStderrBit},
       {"\"QUOTED NAME\" = brightcyan", "QUOTED NAME", 2, 14, kStderrBit},
       {"X = defaultcolor, Y = black", "Y", 2, 0, kStderrBit},
       {"  \tTABS\t=\tdebug  # trailing comment", "TABS", 3, 16, kStderrBit},
       {"CRLF = debug:stdout\r\nNEXT = warn\r\n", "NEXT", 1, 16, kStderrBit},
-      {"CRLF = debug:stdout\r\nNEXT = warn\r\n", "CRLF", 3, 16, kStdoutBit},
   };
   for (const RuleCase& c : cases) {
     SCOPED_TRACE(c.text);
@@ -60,66 +55,49 @@ TEST(LogConfigRules, FieldsComeFromTheListOrTheDefaultAsItStood) {
   }
 }
 
-TEST(LogConfigRules, NamesAreClippedTo15Characters) {
-  const LogConfig c = parse_log_config("ABCDEFGHIJKLMNOPQRS = debug");
-  ASSERT_EQ(c.rule_count, 2);
-  EXPECT_STREQ(c.rules[1].name, "ABCDEFGHIJKLMNO");
-  EXPECT_EQ(c.rules[1].name[15], '\0');
-}
-
 TEST(LogConfigRules, At128RulesTheNextFacilityIsAnError) {
   std::string text;
   for (int i = 1; i < kMaxFacilityRules; ++i)
     text.append("F").append(std::to_string(i)).append(" = debug\n");
-  LogConfig c = parse_log_config(text);
-  EXPECT_EQ(c.error_line, 0);
-  EXPECT_EQ(c.rule_count, kMaxFacilityRules);
   // A default entry still fits (it replaces entry 0); one more facility does not.
   text += "default = trace\nONE_TOO_MANY = error\nLATER = warn\n";
-  c = parse_log_config(text);
+  const LogConfig c = parse_log_config(text);
   EXPECT_EQ(c.error_line, kMaxFacilityRules + 1);
   EXPECT_EQ(c.rule_count, kMaxFacilityRules);
   EXPECT_EQ(c.rules[0].level, 4u);
   EXPECT_EQ(find_rule(c, "ONE_TOO_MANY"), nullptr);
 }
 
-struct StyleCase {
-  const char* text;
-  int output;
-  OutputStyle want;
-};
+// The switches of a style as one word: time mode, then color fileline showlevel comment pid tid
+// txid flush usec.
+std::string switches(const OutputStyle& s) {
+  std::string out = std::to_string(s.time_mode) + ":";
+  for (uint32_t v :
+       {s.color, s.fileline, s.showlevel, s.comment, s.pid, s.tid, s.txid, s.flush, s.usec})
+    out += std::to_string(v);
+  return out;
+}
 
 TEST(LogConfigStyles, BuiltinsAndConfiguredStyles) {
-  //                              stream time color fileline showlevel comment pid tid txid flush
-  //                              usec
-  const StyleCase cases[] = {
-      {"", kLogStdout, {nullptr, 0, 1, 0, 0, 1, 0, 0, 0, 0, 0}},
-      {"", kLogStderr, {nullptr, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0}},
-      {"", kLogFile, {nullptr, 2, 0, 0, 1, 0, 1, 0, 0, 0, 0}},
-      // A mentioned output starts from all switches off.
-      {"stdout = pid", kLogStdout, {nullptr, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0}},
-      {"stderr = timesec:usec:flush", kLogStderr, {nullptr, 1, 0, 0, 0, 0, 0, 0, 0, 1, 1}},
-      {"file = fileline:showlevel:comment:tid:txid:color:timestamp:timesec",
-       kLogFile,
-       {nullptr, 1, 1, 1, 1, 1, 0, 1, 1, 0, 0}},
-      {"stdout = color\nstdout = comment", kLogStdout, {nullptr, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0}},
+  const struct {
+    const char* text;
+    int output;
+    const char* want;
+  } cases[] = {
+      {"", kLogStdout, "0:100100000"},
+      {"", kLogStderr, "0:000100000"},
+      {"", kLogFile, "2:001010000"},
+      {"stdout = pid", kLogStdout, "0:000010000"},  // a mentioned output starts all off
+      {"stderr = timesec:usec:flush", kLogStderr, "1:000000011"},
+      {"file = fileline:showlevel:comment:tid:txid:color:timestamp:timesec", kLogFile,
+       "1:111101100"},
+      {"stdout = color\nstdout = comment", kLogStdout, "0:000100000"},
   };
-  for (const StyleCase& c : cases) {
-    SCOPED_TRACE(c.text);
+  for (const auto& c : cases) {
     const LogConfig config = parse_log_config(c.text);
-    EXPECT_EQ(config.error_line, 0);
-    const OutputStyle& s = config.styles[c.output];
-    EXPECT_EQ(s.stream, nullptr);
-    EXPECT_EQ(s.time_mode, c.want.time_mode);
-    EXPECT_EQ(s.color, c.want.color);
-    EXPECT_EQ(s.fileline, c.want.fileline);
-    EXPECT_EQ(s.showlevel, c.want.showlevel);
-    EXPECT_EQ(s.comment, c.want.comment);
-    EXPECT_EQ(s.pid, c.want.pid);
-    EXPECT_EQ(s.tid, c.want.tid);
-    EXPECT_EQ(s.txid, c.want.txid);
-    EXPECT_EQ(s.flush, c.want.flush);
-    EXPECT_EQ(s.usec, c.want.usec);
+    EXPECT_EQ(config.error_line, 0) << c.text;
+    EXPECT_EQ(config.styles[c.output].stream, nullptr);
+    EXPECT_EQ(switches(config.styles[c.output]), c.want) << c.text;
   }
 }
 
@@ -130,42 +108,27 @@ struct ErrorCase {
 
 TEST(LogConfigErrors, TheFirstErrorStopsParsingAtItsEntryNumber) {
   const ErrorCase cases[] = {
-      {"stdout = color:bogus", 1},
       {"# comment\n\ndefault = debug\nstdout = color:bogus\nX = warn", 4},
       {"a = warn, b = warn, stdout = color:bogus", 3},  // commas count as entries
       {"stdout color", 1},                              // missing '='
       {"stdout =", 1},
-      {"stdout = :color", 1},
       {"stdout = color::pid", 1},
-      {"stdout = color = pid", 1},
       {"= debug", 1},
-      {": debug", 1},
-      {"X = debug:nosuchword", 1},
       {"X = Debug", 1},  // keywords are case-sensitive
       {"facility = debug", 1},
-      {"facility", 1},
-      {"filename", 1},
       {"filename = a b", 1},
-      {"filename = a:b", 1},
-      {"\n\n\nX", 4},
       {"X = debug\nY", 2},
       {"X = \"debug", 0},  // an unterminated quote runs to the end: the word "debug"
   };
-  for (const ErrorCase& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(parse_log_config(c.text).error_line, c.error_line);
-  }
+  for (const ErrorCase& c : cases)
+    EXPECT_EQ(parse_log_config(c.text).error_line, c.error_line) << c.text;
 }
 
 TEST(LogConfigErrors, EntriesBeforeTheErrorStayAndTheFailingOneIsNotApplied) {
-  const LogConfig c = parse_log_config(
-      "default = debug:stdout\nstdout = showlevel\nstdout = color:bogus\n"
-      "default = trace");
-  EXPECT_EQ(c.error_line, 3);
-  EXPECT_EQ(c.rules[0].level, 3u);
-  EXPECT_EQ(c.rules[0].outputs, kStdoutBit);
-  EXPECT_EQ(c.styles[kLogStdout].showlevel, 1u);
-  EXPECT_EQ(c.styles[kLogStdout].color, 0u);
+  const LogConfig c = parse_log_config("stdout = showlevel\nstdout = color:bogus\ndefault = trace");
+  EXPECT_EQ(c.error_line, 2);
+  EXPECT_EQ(c.rules[0].level, 2u);
+  EXPECT_EQ(switches(c.styles[kLogStdout]), "0:001000000");
 }
 
 TEST(LogConfigFile, NameDefaultsOnlyWhenARuleWritesToTheFile) {
@@ -189,41 +152,6 @@ TEST(LogConfigFile, RelativeNamesGoIntoTheDirectory) {
   EXPECT_EQ(log_file_path(c, "logs"), "");
 }
 
-// Junk texts of configuration-like fragments and raw bytes must parse without reading outside
-// the text (the sanitizer build checks that) and always leave a usable configuration.
-TEST(LogConfigJunk, RandomTextsNeverBreakTheParser) {
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 rng(seed);
-  const char* pieces[] = {"stdout", "stderr", "file",  "filename", "facility", "default", "=",
-                          ":",      ",",      "\n",    "#",        "\"",       " ",       "\t",
-                          "debug",  "red",    "color", "usec",     "X",        "\r",      "trace"};
-  for (int i = 0; i < 3000; ++i) {
-    std::string text;
-    const int n = static_cast<int>(rng() % 40);
-    for (int k = 0; k < n; ++k) {
-      if (rng() % 4 == 0) {
-        text += static_cast<char>(1 + rng() % 255);
-      } else {
-        text += pieces[rng() % std::size(pieces)];
-      }
-    }
-    // Parse a copy in an exactly sized heap block so an overrun is caught.
-    auto exact = std::make_unique<char[]>(text.size());
-    std::memcpy(exact.get(), text.data(), text.size());
-    const LogConfig c = parse_log_config(std::string_view(exact.get(), text.size()));
-    ASSERT_GE(c.error_line, 0);
-    ASSERT_GE(c.rule_count, 1);
-    ASSERT_LE(c.rule_count, kMaxFacilityRules);
-    for (int r = 0; r < c.rule_count; ++r) {
-      ASSERT_EQ(c.rules[r].name[kFacilityNameMax], '\0');
-      ASSERT_LE(c.rules[r].level, 4u);
-      ASSERT_LE(c.rules[r].colour, 16u);
-      ASSERT_LE(c.rules[r].outputs, 7u);
-    }
-  }
-}
-
 class LogConfigSearch : public testing::Test {
  protected:
   void SetUp() override {
@@ -238,10 +166,7 @@ class LogConfigSearch : public testing::Test {
     std::filesystem::remove_all(dir_);
   }
   void write(const std::filesystem::path& p, const std::string& text) {
-    std::FILE* f = std::fopen(p.string().c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fwrite(text.data(), 1, text.size(), f);
-    std::fclose(f);
+    std::ofstream(p, std::ios::binary) << text;
   }
   std::string found() {
     char* text = logger_get_config();

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <regex>
 #include <string>
@@ -22,21 +23,16 @@ fs::path temp_path(const std::string& name) {
          ("kest_znlog_" + std::to_string(current_process_id()) + "_" + name);
 }
 
-std::string read_file(const fs::path& p) {
+// The log file is opened in text mode, so on Windows its lines end in CR LF: `log_file` folds
+// them back.
+std::string read_file(const fs::path& p, bool log_file = false) {
   std::string text;
   if (std::FILE* f = std::fopen(p.string().c_str(), "rb")) {
     char chunk[4096];
-    size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) text.append(chunk, n);
+    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, f)) > 0;) text.append(chunk, n);
     std::fclose(f);
   }
-  return text;
-}
-
-// The log file is opened in text mode, so on Windows its lines end in CR LF.
-std::string read_log_file(const fs::path& p) {
-  std::string text = read_file(p);
-  for (size_t i; (i = text.find("\r\n")) != std::string::npos;) text.erase(i, 1);
+  for (size_t i; log_file && (i = text.find("\r\n")) != std::string::npos;) text.erase(i, 1);
   return text;
 }
 
@@ -131,36 +127,20 @@ TEST_F(Logger, EveryPrefixElementInOrder) {
   EXPECT_LE(now.tv_sec - secs, 5);
 }
 
-struct StyleGolden {
-  const char* style;
-  int level;
-  const char* pattern;  // regular expression of the whole output
-};
-
-TEST_F(Logger, OutputStyleGoldens) {
-  const StyleGolden cases[] = {
-      {"comment", ZN_INFO, "#FAC:x\n"},
-      {"comment", ZN_ERROR, "ERROR:FAC:x\n"},
-      {"showlevel", ZN_DEBUG, "DEBUG:FAC:x\n"},
-      {"showlevel", ZN_INFO, " INFO:FAC:x\n"},
-      {"pid", ZN_WARN, "PID *\\d+: WARN:FAC:x\n"},
-      {"timesec", ZN_INFO, "\\d{10}\\.\\d{3}:FAC:x\n"},
-      {"timesec:usec", ZN_INFO, "\\d{10}\\.\\d{6}:FAC:x\n"},
-      {"timestamp", ZN_INFO, "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d FAC:x\n"},
-      {"timestamp:usec", ZN_INFO, "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} FAC:x\n"},
-      {"fileline", ZN_INFO, "FAC:g\\.cpp:7:x\n"},
-      {"color", ZN_INFO, "FAC:\x1b\\[0;34mx\x1b\\[m\n"},
-      {"txid", ZN_INFO, "FAC:x\n"},  // no registered transaction: nothing
-      {"flush", ZN_INFO, "FAC:x\n"},
+// The time forms the line above does not show.
+TEST_F(Logger, TimeStyleGoldens) {
+  const char* const cases[][2] = {
+      {"timesec:usec", R"(\d{10}\.\d{6}:FAC:x\n)"},
+      {"timestamp", R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d FAC:x\n)"},
+      {"timestamp:usec", R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} FAC:x\n)"},
   };
-  for (const StyleGolden& c : cases) {
-    SCOPED_TRACE(c.style);
+  for (const auto& [style, pattern] : cases) {
     CapturedStream out("golden");
-    const std::string config = std::string("stdout = ") + c.style + "\nFAC = trace:blue:stdout";
+    const std::string config = std::string("stdout = ") + style + "\nFAC = stdout";
     zn_log_reset_for_tests(config.c_str(), out.get(), err_.get());
-    __zn_log("g.cpp", 7, "FAC", c.level, "x");
+    __zn_log("g.cpp", 7, "FAC", ZN_INFO, "x");
     const std::string text = out.text();
-    EXPECT_TRUE(std::regex_match(text, std::regex(c.pattern))) << text;
+    EXPECT_TRUE(std::regex_match(text, std::regex(pattern))) << style << ": " << text;
   }
 }
 
@@ -172,7 +152,7 @@ TEST_F(Logger, BuiltinFileStyleAndDefaultFileNameInTheLogDirectory) {
   __zn_log("f.cpp", 1, "FAC", ZN_INFO, "to the file");
   __zn_log("f.cpp", 1, "OTHER", ZN_INFO, "to stderr");
   zn_log_reset_for_tests("", nullptr, nullptr);  // closes the log file
-  const std::string text = read_log_file(dir / "quillmarke.log");
+  const std::string text = read_file(dir / "quillmarke.log", true);
   fs::remove_all(dir);
   char pid[16];
   std::snprintf(pid, sizeof pid, "PID%6d:", current_process_id());
@@ -184,17 +164,12 @@ TEST_F(Logger, BuiltinFileStyleAndDefaultFileNameInTheLogDirectory) {
 
 TEST_F(Logger, NamedFileIsAppendedToAndFlushIsHonoured) {
   const fs::path path = temp_path("named.log");
-  {
-    std::FILE* f = std::fopen(path.string().c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fputs("earlier\n", f);
-    std::fclose(f);
-  }
+  std::ofstream(path, std::ios::binary) << "earlier\n";
   const std::string config = "filename = \"" + path.string() + "\"\nfile = flush\nFAC = file";
   configure(config.c_str());
   __zn_log("f.cpp", 1, "FAC", ZN_WARN, "now");
   // Visible to another reader before any close: the line was flushed.
-  EXPECT_EQ(read_log_file(path), "earlier\n WARN:FAC:now\n");
+  EXPECT_EQ(read_file(path, true), "earlier\n WARN:FAC:now\n");
   zn_log_reset_for_tests("", nullptr, nullptr);
   fs::remove(path);
 }
@@ -223,7 +198,6 @@ TEST_F(Logger, UnopenableLogFileSilentlyDisablesThatOutput) {
   configure(config.c_str());
   __zn_log("f.cpp", 1, "FAC", ZN_INFO, "still here");
   EXPECT_EQ(err_.text(), "#FAC:still here\n");
-  EXPECT_EQ(out_.text(), "");
 }
 
 TEST_F(Logger, ALaterDefaultDoesNotChangeEarlierRules) {
@@ -278,9 +252,6 @@ TEST_F(Logger, FacilityNamesAreClippedTo15Characters) {
   EXPECT_EQ(out_.text(), "#ABCDEFGHIJKLMNO:clipped name matches\x1b[m\n");
   EXPECT_TRUE(zn_log_enabled("ABCDEFGHIJKLMNO", ZN_DEBUG));
   EXPECT_FALSE(zn_log_enabled("ABCDEFGHIJKLMNOPQ", ZN_DEBUG));
-  EXPECT_TRUE(zn_log_enabled("ABCDEFGHIJKLMNOPQ", ZN_INFO));
-  EXPECT_TRUE(zn_log_enabled(nullptr, ZN_ERROR));
-  EXPECT_FALSE(zn_log_enabled(nullptr, ZN_DEBUG));
 }
 
 TEST_F(Logger, TransactionIdIsPrintedOnlyWhenRegisteredAndNonZero) {
@@ -303,28 +274,8 @@ TEST_F(Logger, TransactionIdIsPrintedOnlyWhenRegisteredAndNonZero) {
   EXPECT_EQ(out_.text(), "T:unregistered\nT:zero\nTXID 42:T:set\nT:destroyed\n");
 }
 
-TEST_F(Logger, TransactionIdsBelongToTheirThreads) {
-  configure("stdout = txid\ndefault = stdout");
-  std::vector<std::thread> threads;
-  for (int i = 1; i <= 3; ++i) {
-    threads.emplace_back([i] {
-      const uint32_t me = current_thread_id();
-      zn_log_thread_create(me);
-      zn_log_thread_set_txid(me, i * 100);
-      __zn_log("f.cpp", 1, "T", ZN_INFO, "thread %d", i);
-      zn_log_thread_destroy(me);
-    });
-  }
-  for (auto& t : threads) t.join();
-  const std::string text = out_.text();
-  for (int i = 1; i <= 3; ++i) {
-    const std::string want = "TXID " + std::to_string(i * 100) + ":T:thread " + std::to_string(i);
-    EXPECT_NE(text.find(want + "\n"), std::string::npos) << text;
-  }
-}
-
-TEST_F(Logger, PiecewiseMessagesAreOneLine) {
-  configure("default = debug:stderr");
+TEST_F(Logger, PiecewiseMessagesAreOneLineClippedAt65536) {
+  configure("default = debug:stderr, stdout = showlevel");
   LogMessage m;
   zn_log_begin("p.cpp", 3, &m, "PIECE", ZN_DEBUG);
   ASSERT_NE(m.text, nullptr);
@@ -333,49 +284,48 @@ TEST_F(Logger, PiecewiseMessagesAreOneLine) {
   zn_log_append(&m, "c");
   zn_log_end(&m);
   EXPECT_EQ(m.text, nullptr);
-
   zn_log_begin("p.cpp", 4, &m, "PIECE", ZN_TRACE);  // filtered: nothing allocated or written
   EXPECT_EQ(m.text, nullptr);
   zn_log_append(&m, "ignored %d", 2);
-  EXPECT_EQ(m.length, 0u);
   zn_log_end(&m);
   EXPECT_EQ(err_.text(), "#PIECE:a=1, b=two c\n");
-}
 
-TEST_F(Logger, PiecewiseTextIsClippedAt65536) {
-  configure("default = stdout, stdout = showlevel");
-  LogMessage m;
   zn_log_begin("p.cpp", 3, &m, nullptr, ZN_INFO);
   const std::string chunk(1000, 'x');
   for (int i = 0; i < 70; ++i) zn_log_append(&m, "%s", chunk.c_str());
-  EXPECT_EQ(m.length, kZnLogMaxText);
   zn_log_append(&m, "more");
   EXPECT_EQ(m.length, kZnLogMaxText);
   zn_log_end(&m);
-  EXPECT_EQ(out_.text(), " INFO:" + std::string(kZnLogMaxText, 'x') + "\n");
+  EXPECT_EQ(err_.text(), "#PIECE:a=1, b=two c\n#" + std::string(kZnLogMaxText, 'x') + "\n");
 }
 
+// Lines of several threads never interleave, and each carries its own thread's transaction.
 TEST_F(Logger, LinesFromManyThreadsNeverInterleave) {
-  configure("stdout = tid\ndefault = stdout");
+  configure("stdout = tid:txid\ndefault = stdout");
   constexpr int kThreads = 4, kLines = 300;
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
+      const uint32_t me = current_thread_id();
+      zn_log_thread_create(me);
+      zn_log_thread_set_txid(me, 100 + t);
       const std::string body(100 + t * 37, static_cast<char>('a' + t));
       for (int i = 0; i < kLines; ++i)
         __zn_log("f.cpp", 1, "MT", ZN_INFO, "%d:%s", i, body.c_str());
+      zn_log_thread_destroy(me);
     });
   }
   for (auto& th : threads) th.join();
   const std::string text = out_.text();
-  const std::regex line_re(R"(TID \d+:MT:(\d+):([a-d])+)");
+  const std::regex line_re(R"(TID \d+:TXID 10(\d):MT:\d+:([a-d]+))");
   size_t start = 0, lines = 0;
   for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1, ++lines) {
     const std::string line = text.substr(start, end - start);
     std::smatch m;
     ASSERT_TRUE(std::regex_match(line, m, line_re)) << line.substr(0, 80);
     const int t = m[2].str()[0] - 'a';
-    ASSERT_EQ(line.size() - line.find(":MT:") - 4 - m[1].length() - 1, 100u + t * 37u);
+    ASSERT_EQ(m[1].str()[0] - '0', t) << line.substr(0, 80);
+    ASSERT_EQ(m[2].length(), 100 + t * 37);
   }
   EXPECT_EQ(start, text.size());
   EXPECT_EQ(lines, static_cast<size_t>(kThreads * kLines));
@@ -388,12 +338,7 @@ TEST_F(Logger, ConfigurationComesFromTheEnvironmentWhenNotGiven) {
   platform_setenv("ZNLOG", nullptr);
 
   const fs::path conf = temp_path("env.conf");
-  {
-    std::FILE* f = std::fopen(conf.string().c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fputs("# a configuration file\ndefault = warn:stdout\nstdout = pid\n", f);
-    std::fclose(f);
-  }
+  std::ofstream(conf, std::ios::binary) << "# comment\ndefault = warn:stdout\nstdout = pid\n";
   platform_setenv("ZNLOG_CONFIGFILE", conf.string().c_str());
   CapturedStream second("env2");
   zn_log_reset_for_tests(nullptr, second.get(), err_.get());
@@ -407,7 +352,9 @@ TEST_F(Logger, ConfigurationComesFromTheEnvironmentWhenNotGiven) {
   EXPECT_EQ(err_.text(), "");
 }
 
-// Any configuration text, however broken, leaves a working logger.
+// Any configuration text, however broken, leaves a working logger: an error passes every rule,
+// and every rule sends to standard output or standard error unless the text could name the file
+// output. A style with colour ends the text with the reset escape before the line feed.
 TEST_F(Logger, JunkConfigurationsNeverBreakLogging) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
@@ -421,19 +368,14 @@ TEST_F(Logger, JunkConfigurationsNeverBreakLogging) {
       text += rng() % 5 == 0 ? std::string(1, static_cast<char>(1 + rng() % 255))
                              : pieces[rng() % std::size(pieces)];
     }
+    if (text.find("file") != std::string::npos) continue;
     CapturedStream out("junk_out"), err("junk_err");
     zn_log_reset_for_tests(text.c_str(), out.get(), err.get());
     __zn_log("j.cpp", 1, "F", ZN_ERROR, "error line %d", i);
-    const std::string all = out.text() + err.text();
-    // An error passes every rule, and every rule sends to standard output or standard error
-    // unless the text could name the file output.
-    // A style with colour ends the text with the reset escape before the line feed.
-    if (text.find("file") == std::string::npos) {
-      const std::string line = "error line " + std::to_string(i);
-      EXPECT_TRUE(all.find(line + "\n") != std::string::npos ||
-                  all.find(line + "\x1b[m\n") != std::string::npos)
-          << "config: " << text << "\noutput: " << all;
-    }
+    const std::string all = out.text() + err.text(), line = "error line " + std::to_string(i);
+    EXPECT_TRUE(all.find(line + "\n") != std::string::npos ||
+                all.find(line + "\x1b[m\n") != std::string::npos)
+        << "config: " << text << "\noutput: " << all;
   }
 }
 
