@@ -165,8 +165,8 @@ const std::string kEmptyTable = "+\n|\n|\n+\n+\n(0 rows)\n";
 const std::string kError = kest_test::error_record(10, {"q", "1", "2", "bad"});
 const std::string kErrorLine = "Error: Parse error in q at line 1, column 2: bad.\n";
 
-// Where the queries come from, which of them run, and the exit status: the server answers each
-// query it reads with the next reply of the row.
+// Which queries are sent (the text of -e before the file of -f before standard input), which run,
+// and the exit status: the server answers each query it reads with the next reply of the row.
 TEST_F(Cli, QueriesSentAndTheExitStatus) {
   const std::string file = write("queries.txt", "from_file_1; from_file_2;");
   const struct {
@@ -182,11 +182,6 @@ TEST_F(Cli, QueriesSentAndTheExitStatus) {
       {{"-f", file},
        "from_stdin;",
        {{"from_file_1", kEmpty}, {"from_file_2", kEmpty}},
-       0,
-       kEmptyTable + kEmptyTable},
-      {{},
-       "from_stdin_1;\nfrom_stdin_2",
-       {{"from_stdin_1", kEmpty}, {"from_stdin_2", kEmpty}},
        0,
        kEmptyTable + kEmptyTable},
       // The first failed query ends the run, unless -i; then the last query's status counts.

@@ -133,6 +133,9 @@ TEST_F(RefServerE2E, ScriptsFromEveryInput) {
   }
 }
 
+// Server errors print from the client's templates: one with several parameters, one in the
+// acknowledgement, one in a data message after the head was printed. The server's codes for each
+// fault of a query are the refserver evaluation test's concern.
 TEST_F(RefServerE2E, ServerErrorsArriveAsText) {
   start();
   const struct {
@@ -141,15 +144,6 @@ TEST_F(RefServerE2E, ServerErrorsArriveAsText) {
   } cases[] = {
       {"Array([i=1)", "Error: Parse error in query at line 1, column 11: expected ']', found ')'."},
       {"Sort(x)", "Error: Unknown relation Sort."},
-      {"Project(Array([i=1]), [x = j])", "Error: Unknown column j."},
-      {"Project(Array([i=1]), [x = +(i, 'a')])",
-       "Error: Type mismatch: + expects a number, got str."},
-      {"Project(Array([i=1]), [x = frob(i)])", "Error: Unknown operator or function frob."},
-      {"Project(Array([i=1]), [x = sint('z')])", "Error: 'z' does not read as a number."},
-      {"Project(Array([i=1]), [x = bool('z')])", "Error: 'z' does not read as a boolean."},
-      {"Project(Array([i=1]), [x = money('z')])", "Error: 'z' is not a money value."},
-      {"Project(Array([i=1]), [x = date(true)])",
-       "Error: Cannot convert 'date' from bool to date."},
       {"Project(Array([i=1]), [z = /(i, 0)])", "Error: Division by zero."},
   };
   for (const auto& c : cases) {

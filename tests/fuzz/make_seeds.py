@@ -13,8 +13,7 @@ def be32(v):
 
 
 def var(b):
-    if isinstance(b, str):
-        b = b.encode()
+    b = b.encode() if isinstance(b, str) else b
     return bytes([255] * (len(b) // 255) + [len(b) % 255]) + b
 
 
@@ -24,12 +23,9 @@ def frame(body):
 
 def ack(vector, cols):
     """cols: (name, isconst, ltype, ptype)."""
-    body = be32(0) + be32(len(cols)) + be32(vector)
-    for c in cols:
-        body += var(c[0])
-    for c in cols:
-        body += be32(c[1]) + var(c[2]) + var(c[3])
-    return frame(body)
+    names = b"".join(var(c[0]) for c in cols)
+    types = b"".join(be32(c[1]) + var(c[2]) + var(c[3]) for c in cols)
+    return frame(be32(0) + be32(len(cols)) + be32(vector) + names + types)
 
 
 def data(rows, blocks=b""):
@@ -37,10 +33,8 @@ def data(rows, blocks=b""):
 
 
 def error(code, params):
-    body = be32(0xFFFFFFFF) + be32(code) + be32(len(params))
-    for p in params:
-        body += var(p)
-    return frame(body)
+    body = b"".join(var(p) for p in params)
+    return frame(be32(0xFFFFFFFF) + be32(code) + be32(len(params)) + body)
 
 
 def ints(fmt, values):
@@ -51,7 +45,12 @@ def write(target, name, payload):
     d = os.path.join(ROOT, target)
     os.makedirs(d, exist_ok=True)
     with open(os.path.join(d, "seed_" + name), "wb") as f:
-        f.write(payload)
+        f.write(payload.encode() if isinstance(payload, str) else payload)
+
+
+def write_all(target, payloads):
+    for name, payload in payloads.items():
+        write(target, name, payload)
 
 
 def receive_seeds():
@@ -111,9 +110,8 @@ def split_seeds():
         "control_start": "\x01",
         "real_query": "Array([i=0]);\nproject(Array([i=10]), [j = i * 2]);\n",
     }
-    for name, text in scripts.items():
-        payload = text.encode("latin-1") if "\xff" in text or "\x01" in text else text.encode()
-        write("split", name, payload)
+    scripts["bad_utf8"] = scripts["bad_utf8"].encode("latin-1")
+    write_all("split", scripts)
 
 
 def settings_seeds():
@@ -127,9 +125,8 @@ def settings_seeds():
         "unknown": "[nosuchgroup]\nfoo = bar\n[client]\nnosuch = 1\n",
         "out_of_range": "[client]\nport = 70000\nconnection_retries = -1\n",
     }
-    for name, text in files.items():
-        write("settings", name, text.encode())
-    write("settings", "long_word", ("[client]\nhost = " + "h" * 5000 + "\n").encode())
+    files["long_word"] = "[client]\nhost = " + "h" * 5000 + "\n"
+    write_all("settings", files)
 
 
 def logconfig_seeds():
@@ -141,19 +138,18 @@ def logconfig_seeds():
         "bad": "stdout = nosuchstyle\n",
         "commas": "default = info,MEMCONTEXT = trace:blue:stderr:stdout\n",
     }
-    for name, text in texts.items():
-        write("logconfig", name, text.encode())
-    write("logconfig", "many_rules", "".join("F%d = info\n" % i for i in range(140)).encode())
+    texts["many_rules"] = "".join("F%d = info\n" % i for i in range(140))
+    write_all("logconfig", texts)
 
 
 def types_seeds():
     for i, t in enumerate(["decimal(12,2)", "varchar(5)", "char", "time(3)", "str", "float(4)",
                            "timestamp(9)", "nosuch", "decimal(", "int)"]):
-        write("types", "ltype_%d" % i, bytes([0, 0, 0, 0]) + t.encode())
+        write("types", "ltype_%d" % i, "\0\0\0\0" + t)
     for i, t in enumerate(["0", "-1", "170141183460469231731687303715884105727",
                            "-170141183460469231731687303715884105728",
                            "170141183460469231731687303715884105728", "12abc", "-", ""]):
-        write("types", "s128_%d" % i, bytes([1, 0, 0, 0]) + t.encode())
+        write("types", "s128_%d" % i, "\1\0\0\0" + t)
     values = [(5, "-2147483648"), (11, "12.345"), (43, "12.345"), (17, "2024-02-29"),
               (18, "23:59:59.123"), (19, "2024-01-01 00:00:00"), (14, "$1,234.56"),
               (12, "1e10"), (0, "yes"), (20, "3 12:00:00"), (21, "1-2")]
@@ -166,7 +162,7 @@ def options_seeds():
              ["-pi", "-r"], ["-P5000", "-o", "html"], ["--nosuch"], ["stray"], ["-e"],
              ["--ping=1"], ["-uv"], ["--output=raw", "-n", "--ignore-err", "-?"]]
     for i, args in enumerate(lines):
-        write("options", "args_%d" % i, b"\0".join(a.encode() for a in args))
+        write("options", "args_%d" % i, "\0".join(args))
 
 
 if __name__ == "__main__":

@@ -1,8 +1,4 @@
 // Fuzz target: types (see fuzz/support/text_harness.h for the input layout and the checks).
-#include <cstddef>
-#include <cstdint>
-
-#include "fuzz/support/fuzz_main.h"
 #include "fuzz/support/text_harness.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "fuzz/support/receive_harness.h"
+#include "support/scripted_peer.h"
 #include "tools/standalone_client/split_query.h"
 
 #if defined(__has_feature)
@@ -31,28 +32,21 @@
 #define KEST_ALLOC_SHIM 1
 #endif
 
-namespace {
-
 struct AllocShim {
   bool armed = false;
   long fail_at = 0;  // 0: count only
   long count = 0;    // allocation attempts while armed
   long live = 0;     // allocations minus frees while armed
 };
-thread_local AllocShim shim;
-
-}  // namespace
+static thread_local AllocShim shim;
 
 #ifdef KEST_ALLOC_SHIM
-namespace {
-
 // True when this attempt is the one to fail.
-bool take_attempt() {
-  if (!shim.armed) return false;
-  return ++shim.count == shim.fail_at;
+static bool fail_attempt() { return shim.armed && ++shim.count == shim.fail_at; }
+static void* counted(void* p) {
+  if (p && shim.armed) ++shim.live;
+  return p;
 }
-
-}  // namespace
 
 extern "C" {
 void* __libc_malloc(size_t size);
@@ -60,23 +54,14 @@ void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* ptr, size_t size);
 void __libc_free(void* ptr);
 
-void* malloc(size_t size) {
-  if (take_attempt()) return nullptr;
-  void* p = __libc_malloc(size);
-  if (p && shim.armed) ++shim.live;
-  return p;
-}
-void* calloc(size_t count, size_t size) {
-  if (take_attempt()) return nullptr;
-  void* p = __libc_calloc(count, size);
-  if (p && shim.armed) ++shim.live;
-  return p;
+void* malloc(size_t size) { return fail_attempt() ? nullptr : counted(__libc_malloc(size)); }
+void* calloc(size_t n, size_t size) {
+  return fail_attempt() ? nullptr : counted(__libc_calloc(n, size));
 }
 void* realloc(void* ptr, size_t size) {
-  if (take_attempt()) return nullptr;
+  if (fail_attempt()) return nullptr;
   void* p = __libc_realloc(ptr, size);
-  if (p && !ptr && shim.armed) ++shim.live;
-  return p;
+  return ptr ? p : counted(p);
 }
 void free(void* ptr) {
   if (ptr && shim.armed) --shim.live;
@@ -87,32 +72,30 @@ void free(void* ptr) {
 
 namespace {
 
+using namespace kest_test;
 using Operation = void (*)();
 
 #ifdef KEST_ALLOC_SHIM
-// Runs `op` armed to fail attempt `fail_at` (0: none); returns the attempts it made and, in
-// `live`, what it left allocated.
-long run_armed(Operation op, long fail_at, long* live) {
+// Runs `op` armed to fail attempt `fail_at` (0: none); returns the attempts it made. What it
+// left allocated stays in shim.live.
+long run_armed(Operation op, long fail_at) {
   shim = AllocShim{true, fail_at, 0, 0};
   op();
   shim.armed = false;
-  *live = shim.live;
   return shim.count;
 }
 
 // The death-test child: a clean return must leave nothing behind. An exception escaping the
 // client (a C++ allocation that throws instead of taking the out-of-memory path) is a failure.
 [[noreturn]] void child(Operation op, long fail_at) {
-  long live = 0;
   try {
-    run_armed(op, fail_at, &live);
+    run_armed(op, fail_at);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "ALLOC-RUN: exception escaped: %s\n", e.what());
     std::_Exit(3);
   }
-  std::fprintf(stderr, live == 0 ? "ALLOC-RUN: clean\n" : "ALLOC-RUN: leak of %ld blocks\n", live);
-  std::fflush(stderr);
-  std::_Exit(live == 0 ? 0 : 1);
+  std::fprintf(stderr, "ALLOC-RUN: %s, %ld blocks left\n", shim.live ? "leak" : "clean", shim.live);
+  std::_Exit(shim.live == 0 ? 0 : 1);
 }
 
 bool clean_exit_or_abort(int status) {
@@ -129,9 +112,8 @@ void fail_each_allocation(Operation op) {
 #else
   GTEST_FLAG_SET(death_test_style, "fast");
   op();  // first use sets up what lives for the process (logger, type registry, listener)
-  long live = 0;
-  const long attempts = run_armed(op, 0, &live);
-  ASSERT_EQ(live, 0) << "the operation leaks even without failures";
+  const long attempts = run_armed(op, 0);
+  ASSERT_EQ(shim.live, 0) << "the operation leaks even without failures";
   ASSERT_GT(attempts, 3);
   for (long n = 1; n <= attempts; ++n)
     EXPECT_EXIT(child(op, n), clean_exit_or_abort,
@@ -140,64 +122,37 @@ void fail_each_allocation(Operation op) {
 #endif
 }
 
-std::string be32(uint32_t v) { return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; }
-std::string frame(const std::string& body) { return be32(uint32_t(body.size() + 4)) + body; }
-
-// The client's side of one query after sending it, as run_query does, with the printer on a
-// temporary file. Only client code allocates between arming and disarming: the peer has
-// written the whole stream into the socket beforehand.
+// The client's side of one query after sending it, with the printer on a temporary file. Only
+// client code allocates while armed: the peer has written the whole stream into the socket
+// beforehand.
 void receive_stream(const std::string& stream, int mode) {
   int32_t client = -1, peer = -1;
   shim.armed = false;
   const bool connected = kest_fuzz::loopback_pair(&client, &peer);
-  if (connected) kest_fuzz::play_peer(peer, stream, {false, 0});
+  if (connected) kest_fuzz::play_peer(peer, stream, {});
   shim.armed = true;
   if (!connected) return;
   std::FILE* out = std::tmpfile();
   ClientConnection conn{};
   NetBufferInit(&conn.netbuf, client);
-  if (out != nullptr && NetBufferRecv(&conn.netbuf) == 1) {
-    QueryAck ack;
-    print_results = 0;
-    receive_ack(&conn.netbuf, &ack);
-    if (ack.is_error) {
-      free_error(ack.error);
-    } else {
-      conn.vector_size = ack.vector_size;
-      queryres.printer = printer_open(out, ack.column_count, queryres.name, queryres.type,
-                                      queryres.ltype, queryres.isconst, mode);
-      print_results = 1;
-      while (receive_data(&conn) > 0) {
-      }
-      print_results = 0;
-      printer_close(queryres.printer);
-      queryres.printer = nullptr;
-    }
+  if (out != nullptr) {
+    kest_fuzz::receive_query(&conn, out, mode, nullptr);
+    std::fclose(out);
   }
-  queryres_free();
   NetBufferClose(&conn.netbuf);
-  if (out != nullptr) std::fclose(out);
 }
 
 // An int and a varchar column, two data messages and the end, printed as a unicode table.
 void receive_result() {
-  static const std::string stream =
-      frame(be32(0) + be32(2) + be32(4) + "\x01i" + "\x01s" + be32(0) +
-            "\x03"
-            "int" +
-            "\x04sint" + be32(0) + "\x0bvarchar(10)" + "\x03str") +
-      frame(be32(0) + be32(2) + be32(7) + be32(8) + "\x02hi" + std::string(1, '\0')) +
-      frame(be32(0) + be32(1) + be32(9) +
-            "\x03"
-            "abc") +
-      frame(be32(0) + be32(0));
+  static const std::string stream = ack(4, {{"i", "int", "sint"}, {"s", "varchar(10)", "str"}}) +
+                                    data(2, be32(7) + be32(8) + var("hi") + var("")) +
+                                    data(1, be32(9) + var("abc")) + data(0);
   receive_stream(stream, OUTPUT_UNICODE);
 }
 
 // An acknowledgement carrying an error record with two parameters.
 void receive_error_ack() {
-  static const std::string stream =
-      frame(be32(0xFFFFFFFFu) + be32(3) + be32(2) + "\x05table" + "\x02t1");
+  static const std::string stream = error_record(3, {"table", "t1"});
   receive_stream(stream, OUTPUT_ASCII);
 }
 
@@ -205,39 +160,36 @@ constexpr const char* kScript =
     "Array([i=0]);\n# a comment\nselect('x;y', "
     "<<<END_OF_A_LONG_BODY\nbody;\nEND_OF_A_LONG_BODY\n);\n  last";
 
-void split_string() {
-  QuerySplitter* qs = query_splitter_create_string(kScript);
-  if (qs == nullptr) return;
-  while (query_splitter_next(qs) != nullptr) {
+void drain(QuerySplitter* qs) {
+  while (qs != nullptr && query_splitter_next(qs) != nullptr) {
   }
-  query_splitter_free(qs);
+  if (qs != nullptr) query_splitter_free(qs);
 }
+
+void split_string() { drain(query_splitter_create_string(kScript)); }
 
 void split_file() {
   std::FILE* f = std::tmpfile();
   if (f == nullptr) return;
   std::fputs(kScript, f);
   std::rewind(f);
-  if (QuerySplitter* qs = query_splitter_create_file(f)) {
-    while (query_splitter_next(qs) != nullptr) {
-    }
-    query_splitter_free(qs);
-  }
+  drain(query_splitter_create_file(f));
   std::fclose(f);
 }
 
-TEST(AllocFailureDeathTest, ReceivingAResultTable) {
+TEST(AllocFailureDeathTest, EveryAllocationOfReceptionAndSplitting) {
   kest_fuzz::fuzz_init();
-  fail_each_allocation(receive_result);
+  const struct {
+    const char* name;
+    Operation op;
+  } ops[] = {{"result table", receive_result},
+             {"error acknowledgement", receive_error_ack},
+             {"splitting a string", split_string},
+             {"splitting a file", split_file}};
+  for (const auto& [name, op] : ops) {
+    SCOPED_TRACE(name);
+    fail_each_allocation(op);
+  }
 }
-
-TEST(AllocFailureDeathTest, ReceivingAnErrorAcknowledgement) {
-  kest_fuzz::fuzz_init();
-  fail_each_allocation(receive_error_ack);
-}
-
-TEST(AllocFailureDeathTest, SplittingAString) { fail_each_allocation(split_string); }
-
-TEST(AllocFailureDeathTest, SplittingAFile) { fail_each_allocation(split_file); }
 
 }  // namespace

@@ -2,6 +2,8 @@
 // before its first query (the type registry, the socket library), done once per process.
 #pragma once
 
+#include <string>
+
 #include "kernel/ltype.h"
 #include "utils/netbuffer.h"
 
@@ -15,5 +17,9 @@ inline void fuzz_init() {
   }();
   (void)done;
 }
+
+// What every fuzz target calls with a check's verdict: an empty text passes, any other text is
+// reported and ends the run as a crash (fuzz_main.cpp).
+void fail_if(const std::string& why);
 
 }  // namespace kest_fuzz

@@ -64,55 +64,42 @@ inline bool printer_cannot_read(uint32_t ltype, const PhysicalType* physical) {
   return false;
 }
 
-// "money" is read as an 8-byte double whatever the column: the reception refuses a narrower one.
-inline bool money_too_narrow(uint32_t ltype, const PhysicalType* physical) {
-  return ltype_id(ltype) == LTYPE_MONEY && ptype_width(physical) < 8;
-}
-
 struct StreamModel {
   StreamVerdict verdict = StreamVerdict::kRuns;
   std::vector<int64_t> rows;  // what each receive_data returns, in order
   bool ack_error = false;     // the acknowledgement carried an error record
   bool has_ack = false;       // an acknowledgement frame arrived at all
+  int64_t printed = 0;        // rows printed, all data messages together
 };
 
 // Reads the fields of one frame body the way the network buffer does, noting whether a read
 // would run past the frame (which the client turns into an assertion).
-class FieldReader {
- public:
-  explicit FieldReader(std::string_view body) : body_(body) {}
+struct FieldReader {
+  std::string_view body;
+  size_t pos = 0;
+
+  size_t remaining() const { return body.size() - pos; }
   bool int32(uint32_t* value) {
-    if (body_.size() - pos_ < 4) return false;
-    uint32_t v = 0;
-    for (int i = 0; i < 4; ++i) v = (v << 8) | static_cast<unsigned char>(body_[pos_ + i]);
-    pos_ += 4;
-    *value = v;
+    if (remaining() < 4) return false;
+    *value = 0;
+    for (int i = 0; i < 4; ++i) *value = (*value << 8) | static_cast<unsigned char>(body[pos++]);
     return true;
   }
   bool var(std::string_view* bytes) {
-    size_t p = pos_;
-    size_t len = 0;
-    while (p < body_.size() && static_cast<unsigned char>(body_[p]) == 255) {
-      len += 255;
-      ++p;
-    }
-    if (p >= body_.size()) return false;
-    len += static_cast<unsigned char>(body_[p++]);
-    if (len > body_.size() - p) return false;
-    *bytes = body_.substr(p, len);
-    pos_ = p + len;
+    size_t p = pos, len = 0;
+    for (; p < body.size() && static_cast<unsigned char>(body[p]) == 255; ++p) len += 255;
+    if (p >= body.size()) return false;
+    len += static_cast<unsigned char>(body[p++]);
+    if (len > body.size() - p) return false;
+    *bytes = body.substr(p, len);
+    pos = p + len;
     return true;
   }
   bool raw(int64_t len) {
-    if (len < 0 || static_cast<uint64_t>(len) > body_.size() - pos_) return false;
-    pos_ += static_cast<size_t>(len);
+    if (len < 0 || static_cast<uint64_t>(len) > remaining()) return false;
+    pos += static_cast<size_t>(len);
     return true;
   }
-  size_t remaining() const { return body_.size() - pos_; }
-
- private:
-  std::string_view body_;
-  size_t pos_ = 0;
 };
 
 // Takes the next frame off `stream`: true with its body, false when NetBufferRecv would not
@@ -178,7 +165,8 @@ inline StreamVerdict model_ack(FieldReader* r, StreamModel* m, std::vector<Model
     const int64_t values = isconst ? 1 : *vector_size;
     if (values < 0 || width <= 0) return StreamVerdict::kMustAbort;
     const uint32_t ltype = ltype_parse(logical.c_str());
-    if (money_too_narrow(ltype, type)) return StreamVerdict::kMustAbort;
+    // "money" is read as an 8-byte double whatever the column: a narrower one is refused.
+    if (ltype_id(ltype) == LTYPE_MONEY && width < 8) return StreamVerdict::kMustAbort;
     if (printer_cannot_read(ltype, type)) mismatched = true;
     areas += std::max<int64_t>(values, 1) * width;
     if (areas > kAreaBudget) return StreamVerdict::kOverBudget;
@@ -190,21 +178,18 @@ inline StreamVerdict model_ack(FieldReader* r, StreamModel* m, std::vector<Model
 // One data message; appends what receive_data returns. False when the results end there.
 inline bool model_data(std::string_view body, const std::vector<ModelColumn>& cols,
                        int64_t vector_size, StreamModel* m) {
-  FieldReader r(body);
+  const auto end = [m](StreamVerdict verdict) {
+    m->verdict = verdict;
+    return false;
+  };
+  FieldReader r{body};
   uint32_t status = 0, count = 0;
-  if (!r.int32(&status)) {
-    m->verdict = StreamVerdict::kMustAbort;
-    return false;
-  }
+  if (!r.int32(&status)) return end(StreamVerdict::kMustAbort);
   if (status == 0xFFFFFFFFu) {
-    if (!model_error_record(&r)) m->verdict = StreamVerdict::kMustAbort;
     m->rows.push_back(-1);
-    return false;
+    return end(model_error_record(&r) ? StreamVerdict::kRuns : StreamVerdict::kMustAbort);
   }
-  if (!r.int32(&count)) {
-    m->verdict = StreamVerdict::kMustAbort;
-    return false;
-  }
+  if (!r.int32(&count)) return end(StreamVerdict::kMustAbort);
   const int64_t rows = static_cast<int32_t>(count);
   if (rows <= 0 || rows > vector_size) {
     m->rows.push_back(rows == 0 ? 0 : -1);
@@ -213,25 +198,13 @@ inline bool model_data(std::string_view body, const std::vector<ModelColumn>& co
   std::string_view value;
   for (const ModelColumn& c : cols) {
     const int64_t k = c.isconst ? 1 : rows;
-    bool fits = true;
-    if (c.fixed) {
-      fits = r.raw(k * c.width);
-    } else {
-      for (int64_t j = 0; j < k && fits; ++j) fits = r.var(&value);
-    }
-    if (!fits) {
-      m->verdict = StreamVerdict::kMustAbort;
-      return false;
-    }
+    bool fits = !c.fixed || r.raw(k * c.width);
+    for (int64_t j = 0; !c.fixed && j < k && fits; ++j) fits = r.var(&value);
+    if (!fits) return end(StreamVerdict::kMustAbort);
   }
   m->rows.push_back(rows);
-  int64_t printed = 0;
-  for (int64_t r : m->rows) printed += r > 0 ? r : 0;
-  if (printed > kRowBudget) {
-    m->verdict = StreamVerdict::kOverBudget;
-    return false;
-  }
-  return true;
+  m->printed += rows;
+  return m->printed <= kRowBudget || end(StreamVerdict::kOverBudget);
 }
 
 inline StreamModel model_stream(std::string_view stream) {
@@ -239,7 +212,7 @@ inline StreamModel model_stream(std::string_view stream) {
   std::string_view body;
   if (!next_frame(&stream, &body)) return m;
   m.has_ack = true;
-  FieldReader ack(body);
+  FieldReader ack{body};
   std::vector<ModelColumn> cols;
   int64_t vector_size = 0;
   m.verdict = model_ack(&ack, &m, &cols, &vector_size);
@@ -285,18 +258,14 @@ inline void play_peer(int32_t s, std::string_view stream, Delivery d) {
     }
     return true;
   };
-  if (!d.fragmented) {
-    send_all(stream);
-  } else {
-    size_t from = 0;
-    std::vector<size_t> cuts = cut_points(stream.size(), d.seed);
-    cuts.push_back(stream.size());
-    for (size_t to : cuts) {
-      if (!send_all(stream.substr(from, to - from))) break;
-      from = to;
-      // Give the client a chance to take this piece before the next one lands behind it.
-      std::this_thread::yield();
-    }
+  std::vector<size_t> cuts =
+      d.fragmented ? cut_points(stream.size(), d.seed) : std::vector<size_t>{};
+  cuts.push_back(stream.size());
+  size_t from = 0;
+  for (size_t to : cuts) {
+    if (!send_all(stream.substr(from, to - from))) break;
+    from = to;
+    std::this_thread::yield();  // a chance for the client to take this piece before the next
   }
   net_close(s);
 }
@@ -317,28 +286,46 @@ inline bool loopback_pair(int32_t* client, int32_t* peer) {
   return true;
 }
 
-inline std::string read_back(std::FILE* f) {
-  std::string text;
-  std::fflush(f);
-  std::rewind(f);
-  char block[4096];
-  size_t n;
-  while ((n = std::fread(block, 1, sizeof block, f)) > 0) text.append(block, n);
-  return text;
-}
-
-constexpr size_t kInlineStream = 32 * 1024;
-
-// What the client made of a stream: the printed table and one line per reception outcome.
+// What the client made of a stream: the printed table and the reception's outcomes.
 struct ReceiveRun {
   bool ok = false;  // sockets and the output file were available
   std::string printed;
-  std::vector<int64_t> rows;
-  std::string events;
+  std::vector<int64_t> rows;  // what each receive_data returned
+  std::string events;         // a missing acknowledgement, or the text of an error in it
 };
 
-// Runs the client's reception of one query over `stream`, as run_query does after sending,
-// with the printer writing to a temporary file in `mode`.
+// The client's side of one query after sending it, as run_query does: the acknowledgement, then
+// data messages printed to `out` in `mode` until one ends the results. The outcomes go to `run`
+// when given (the allocation-failure test gives none, so that only client code allocates).
+inline void receive_query(ClientConnection* conn, std::FILE* out, int mode, ReceiveRun* run) {
+  print_results = 0;
+  const int got = NetBufferRecv(&conn->netbuf);
+  QueryAck ack;
+  if (got > 0) receive_ack(&conn->netbuf, &ack);
+  if (got <= 0) {
+    if (run) run->events = "no ack " + std::to_string(got);
+  } else if (ack.is_error) {
+    if (run) run->events = ack.error ? "ack error: " + server_error_text(ack.error) : "no memory";
+    free_error(ack.error);
+  } else {
+    conn->vector_size = ack.vector_size;
+    conn->column_count = ack.column_count;
+    queryres.printer = printer_open(out, ack.column_count, queryres.name, queryres.type,
+                                    queryres.ltype, queryres.isconst, mode);
+    print_results = 1;
+    for (int64_t rows = 1; rows > 0;) {
+      rows = receive_data(conn);
+      if (run) run->rows.push_back(rows);
+    }
+    print_results = 0;
+    printer_close(queryres.printer);
+    queryres.printer = nullptr;
+  }
+  queryres_free();
+}
+
+// Runs the client's reception of one query over `stream` delivered as `d` says, with the printer
+// writing to a temporary file in `mode`.
 inline ReceiveRun run_reception(std::string_view stream, int mode, Delivery d) {
   ReceiveRun run;
   int32_t client = -1, peer = -1;
@@ -349,46 +336,20 @@ inline ReceiveRun run_reception(std::string_view stream, int mode, Delivery d) {
   }
   // A small stream fits in the socket buffers: the peer can write it all before the client
   // reads, with no second thread. Pieces need a peer that runs alongside the client.
-  const bool inline_peer = !d.fragmented && stream.size() <= kInlineStream;
   std::thread writer;
-  if (inline_peer)
+  if (!d.fragmented && stream.size() <= 32 * 1024)
     play_peer(peer, stream, d);
   else
     writer = std::thread(play_peer, peer, stream, d);
   ClientConnection conn{};
   conn.socket = client;
   NetBufferInit(&conn.netbuf, client);
-  print_results = 0;
-  const int got = NetBufferRecv(&conn.netbuf);
-  if (got <= 0) {
-    run.events = "no ack " + std::to_string(got);
-  } else {
-    QueryAck ack;
-    receive_ack(&conn.netbuf, &ack);
-    if (ack.is_error) {
-      run.events =
-          ack.error ? "ack error: " + server_error_text(ack.error) : "ack error: no memory";
-      free_error(ack.error);
-    } else {
-      conn.vector_size = ack.vector_size;
-      conn.column_count = ack.column_count;
-      queryres.printer = printer_open(out, ack.column_count, queryres.name, queryres.type,
-                                      queryres.ltype, queryres.isconst, mode);
-      print_results = 1;
-      for (;;) {
-        const int64_t rows = receive_data(&conn);
-        run.rows.push_back(rows);
-        if (rows <= 0) break;
-      }
-      print_results = 0;
-      printer_close(queryres.printer);
-      queryres.printer = nullptr;
-    }
-  }
-  queryres_free();
+  receive_query(&conn, out, mode, &run);
   NetBufferClose(&conn.netbuf);
   if (writer.joinable()) writer.join();
-  run.printed = read_back(out);
+  std::rewind(out);
+  char block[4096];
+  for (size_t n; (n = std::fread(block, 1, sizeof block, out)) > 0;) run.printed.append(block, n);
   std::fclose(out);
   run.ok = true;
   return run;
@@ -419,10 +380,9 @@ inline std::string check_receive(const uint8_t* data, size_t size, bool* skipped
   if (whole.printed != split.printed)
     return "whole and fragmented delivery printed different text:\n[" + whole.printed + "]\n[" +
            split.printed + "]";
-  if (whole.events != split.events)
-    return "different outcomes: " + whole.events + " / " + split.events;
-  if (whole.rows != split.rows)
-    return "different row counts: " + join_rows(whole.rows) + "/ " + join_rows(split.rows);
+  const std::string outcome = whole.events + join_rows(whole.rows);
+  if (outcome != split.events + join_rows(split.rows))
+    return "different outcomes: " + outcome + "/ " + split.events + join_rows(split.rows);
   if (!model.ack_error && model.has_ack && whole.rows != model.rows)
     return "row counts " + join_rows(whole.rows) + "differ from the stream's " +
            join_rows(model.rows);

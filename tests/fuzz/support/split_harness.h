@@ -87,55 +87,48 @@ inline SplitPrediction predict_split(std::string_view bytes) {
   return p;
 }
 
-inline std::vector<std::string> drain(QuerySplitter* qs, int limit) {
-  std::vector<std::string> out;
-  for (const char* q; (q = query_splitter_next(qs)) != nullptr && limit-- > 0;) out.emplace_back(q);
-  return out;
+// Takes the queries of `qs` (one more than predicted at most) and frees it; empty when the count
+// is the predicted one, else what went wrong.
+inline std::string split_all(QuerySplitter* qs, const SplitPrediction& p, const std::string& mode,
+                             std::vector<std::string>* queries) {
+  if (qs == nullptr) return mode + " splitter could not be created";
+  for (const char* q; queries->size() <= size_t(p.queries) && (q = query_splitter_next(qs));)
+    queries->emplace_back(q);
+  query_splitter_free(qs);
+  if (queries->size() == size_t(p.queries)) return {};
+  return mode + " mode gave " + std::to_string(queries->size()) + " queries, expected " +
+         std::to_string(p.queries);
 }
 
 // The whole check for one input; empty when it holds, else what went wrong.
 inline std::string check_split(const uint8_t* data, size_t size, bool* skipped = nullptr) {
   fuzz_init();
-  if (skipped) *skipped = true;
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
   const std::string text(bytes.substr(0, bytes.find('\0')));  // what string mode sees
   const SplitPrediction as_file = predict_split(bytes);
   const SplitPrediction as_string = predict_split(text);
+  if (skipped) *skipped = as_file.must_abort && as_string.must_abort;
   if (!as_file.broken.empty()) return as_file.broken;
   std::vector<std::string> from_string, from_file;
-  if (!as_string.must_abort) {
-    QuerySplitter* qs = query_splitter_create_string(text.c_str());
-    if (qs == nullptr) return "string splitter could not be created";
-    from_string = drain(qs, as_string.queries + 1);
-    query_splitter_free(qs);
-    if (static_cast<int>(from_string.size()) != as_string.queries)
-      return "string mode gave " + std::to_string(from_string.size()) + " queries, expected " +
-             std::to_string(as_string.queries);
-  }
-  if (!as_file.must_abort) {
-    std::FILE* f = std::tmpfile();
-    if (f == nullptr) return {};
+  std::string why;
+  if (!as_string.must_abort)
+    why = split_all(query_splitter_create_string(text.c_str()), as_string, "string", &from_string);
+  std::FILE* f = as_file.must_abort || !why.empty() ? nullptr : std::tmpfile();
+  const bool file_run = f != nullptr;
+  if (file_run) {
     std::fwrite(bytes.data(), 1, bytes.size(), f);
     std::rewind(f);
-    QuerySplitter* qs = query_splitter_create_file(f);
-    if (qs == nullptr) return "file splitter could not be created";
-    from_file = drain(qs, as_file.queries + 1);
-    query_splitter_free(qs);
+    why = split_all(query_splitter_create_file(f), as_file, "file", &from_file);
     std::fclose(f);
-    if (static_cast<int>(from_file.size()) != as_file.queries)
-      return "file mode gave " + std::to_string(from_file.size()) + " queries, expected " +
-             std::to_string(as_file.queries);
   }
-  if (skipped) *skipped = as_file.must_abort && as_string.must_abort;
-  const bool comparable = text.size() == bytes.size() && !as_file.unclassified &&
-                          !as_file.must_abort && !as_string.must_abort;
-  if (comparable && from_string != from_file) {
-    std::string why = "string and file mode cut differently:";
+  const bool comparable =
+      file_run && text.size() == bytes.size() && !as_file.unclassified && !as_string.must_abort;
+  if (why.empty() && comparable && from_string != from_file) {
+    why = "string and file mode cut differently:";
     for (const auto& q : from_string) why += "\n  s[" + q + "]";
     for (const auto& q : from_file) why += "\n  f[" + q + "]";
-    return why;
   }
-  return {};
+  return why;
 }
 
 }  // namespace kest_fuzz

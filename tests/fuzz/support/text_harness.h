@@ -4,11 +4,13 @@
 // text when it holds, else what went wrong. Shared by the fuzz targets and the replay test.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
 #include <string_view>
@@ -28,53 +30,40 @@ namespace kest_fuzz {
 
 // ---- settings files ----
 
-// The client's view of a store: every property it reads, through the getters it uses.
-inline std::string client_view(ConfigLayer* c) {
-  auto text = [](const char* s) { return s ? std::string(s) : std::string("(null)"); };
-  return std::to_string(znconfig_get_lng(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_PORT)) + "|" +
-         text(znconfig_get_str(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_OUTPUT_MODE)) + "|" +
-         text(znconfig_get_str(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_HOST)) + "|" +
-         std::to_string(
-             znconfig_get_lng(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_CONNECTION_RETRIES)) +
-         "|" + text(znconfig_get_str(c, ZNCONFIG_GROUP_CLIENT, ZNCONFIG_CLIENT_PASSFILE));
-}
-
-inline std::string parse_settings(const char* source, int is_file, int* errors) {
+// What the client reads of a store filled from `source` (a text, or the path of a file), through
+// the getters it uses, and the parser's error count.
+inline std::string parse_settings(const char* source, int is_file) {
   ConfigLayer* c = znconfig_create();
   if (c == nullptr) return "(no store)";
-  *errors = znconfig_parse_config(c, source, is_file);
-  std::string view = client_view(c);
+  const int errors = znconfig_parse_config(c, source, is_file);
+  const auto lng = [c](int key) {
+    return std::to_string(znconfig_get_lng(c, ZNCONFIG_GROUP_CLIENT, key)) + "|";
+  };
+  const auto str = [c](int key) {
+    const char* s = znconfig_get_str(c, ZNCONFIG_GROUP_CLIENT, key);
+    return (s ? std::string(s) : "(null)") + "|";
+  };
+  const std::string view = lng(ZNCONFIG_CLIENT_PORT) + str(ZNCONFIG_CLIENT_OUTPUT_MODE) +
+                           str(ZNCONFIG_CLIENT_HOST) + lng(ZNCONFIG_CLIENT_CONNECTION_RETRIES) +
+                           str(ZNCONFIG_CLIENT_PASSFILE) + std::to_string(errors) + " errors";
   znconfig_free(c);
   return view;
 }
-
-// A file of this process's own in the temporary directory, removed by the destructor.
-struct TempFile {
-  std::filesystem::path path;
-  explicit TempFile(std::string_view bytes) {
-    static const std::string tag = std::to_string(std::random_device{}());
-    path = std::filesystem::temp_directory_path() / ("kest_fuzz_" + tag + ".conf");
-    std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
-  }
-  ~TempFile() {
-    std::error_code ignored;
-    std::filesystem::remove(path, ignored);
-  }
-};
 
 // The same settings read from a text and from a file (whose reader works in 4,000-byte blocks)
 // must leave the client with the same values and the same error count.
 inline std::string check_settings(const uint8_t* data, size_t size) {
   fuzz_init();
-  const std::string text(reinterpret_cast<const char*>(data), size);
-  const std::string prefix = text.substr(0, text.find('\0'));
-  int text_errors = 0, file_errors = 0;
-  const std::string from_text = parse_settings(prefix.c_str(), 0, &text_errors);
-  const TempFile file(prefix);
-  const std::string from_file = parse_settings(file.path.string().c_str(), 1, &file_errors);
-  if (from_text != from_file || text_errors != file_errors)
-    return "text and file differ: " + from_text + " (" + std::to_string(text_errors) +
-           " errors) / " + from_file + " (" + std::to_string(file_errors) + " errors)";
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  const std::string text(bytes.substr(0, bytes.find('\0')));
+  static const std::filesystem::path file = std::filesystem::temp_directory_path() /
+                                            ("kest_fuzz_" + std::to_string(std::random_device{}()));
+  std::ofstream(file, std::ios::binary) << text;
+  const std::string from_text = parse_settings(text.c_str(), 0);
+  const std::string from_file = parse_settings(file.string().c_str(), 1);
+  std::error_code ignored;
+  std::filesystem::remove(file, ignored);
+  if (from_text != from_file) return "text and file differ: " + from_text + " / " + from_file;
   return {};
 }
 
@@ -144,16 +133,11 @@ inline std::string type_text(uint8_t pick, uint8_t p1, uint8_t p2) {
       "slng",       "ulng", "s128",    "uidx",  "decimal", "flt4",      "flt8",
       "money",      "char", "varchar", "date",  "time",    "timestamp", "intervalds",
       "intervalym", "int",  "integer", "float", "double",  "str"};
-  const char* name = kNames[pick % (sizeof kNames / sizeof kNames[0])];
-  switch (pick / 32 % 4) {
-    case 0:
-      return name;
-    case 1:
-      return std::string(name) + "(" + std::to_string(p1 % 48) + ")";
-    default:
-      return std::string(name) + "(" + std::to_string(p1 % 48) + "," + std::to_string(p2 % 48) +
-             ")";
-  }
+  std::string text = kNames[pick % std::size(kNames)];
+  const int params = pick / 32 % 4;  // none, one, or two (2 and 3)
+  if (params > 0) text += "(" + std::to_string(p1 % 48);
+  if (params > 1) text += "," + std::to_string(p2 % 48);
+  return params > 0 ? text + ")" : text;
 }
 
 // Types held in a binary float: past 2^53 their text is rounded, and reading it again (for
@@ -211,16 +195,11 @@ inline std::string check_types(const uint8_t* data, size_t size) {
 // The arguments are the NUL-separated pieces of the input, after the program name.
 inline std::string check_options(const uint8_t* data, size_t size) {
   std::vector<std::string> args{"kest_client"};
-  std::string piece;
-  for (size_t i = 0; i < size; ++i) {
-    if (data[i] == 0) {
-      args.push_back(piece);
-      piece.clear();
-    } else {
-      piece += static_cast<char>(data[i]);
-    }
+  for (std::string_view rest(reinterpret_cast<const char*>(data), size); !rest.empty();) {
+    const size_t end = std::min(rest.find('\0'), rest.size());
+    args.emplace_back(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
   }
-  if (!piece.empty()) args.push_back(piece);
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
