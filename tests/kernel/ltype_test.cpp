@@ -252,32 +252,18 @@ TEST(LtypeCommon, Pairs) {
   }
 }
 
-TEST(ValueToString, EdgeValuesOfEachType) {
-  s128 min;
+// Edge values the printer goldens do not show (those print every type through this call).
+TEST(ValueToString, EdgeValues) {
+  s128 min, wide;
   s128_from_string_ptr("-170141183460469231731687303715884105728", &min);
-  s128 wide;
   s128_from_string_ptr("12345678901234567890123", &wide);
-  EXPECT_EQ(print<uint8_t>(LTYPE_BOOL, 2), "true");
-  EXPECT_EQ(print<uint8_t>(LTYPE_BOOL, 0), "false");
-  EXPECT_EQ(print<uint8_t>(LTYPE_SCHR, 0xFF), "-1");
-  EXPECT_EQ(print<uint16_t>(LTYPE_USHT, 0xFFFF), "65535");
-  EXPECT_EQ(print<uint32_t>(LTYPE_SINT, 0x80000000u), "-2147483648");
-  EXPECT_EQ(print<uint64_t>(LTYPE_UIDX, UINT64_MAX), "18446744073709551615");
   EXPECT_EQ(print<s128>(LTYPE_S128, min), "-170141183460469231731687303715884105728");
   EXPECT_EQ(print<s128>(word(LTYPE_DECIMAL, 30, 5), wide), "123456789012345678.90123");
-  EXPECT_EQ(print<s128>(word(LTYPE_DECIMAL, 20, 3), s128{~4ull, -1}), "-0.005");
   EXPECT_EQ(print<int16_t>(word(LTYPE_DECIMAL, 4, 4), 7), "0.0007");
+  EXPECT_EQ(print<uint32_t>(LTYPE_SINT, 0x80000000u), "-2147483648");
   EXPECT_EQ(print<double>(kMoney, 5.0), "$ 0.05");
-  EXPECT_EQ(print<double>(kMoney, -1999.0), "$ -19.99");
-  EXPECT_EQ(print<float>(LTYPE_FLT4, 0.1f), "0.1");
-  EXPECT_EQ(print<double>(LTYPE_FLT8, 0.1), "0.1");
-  EXPECT_EQ(print<int32_t>(LTYPE_DATE, 719528), "1970-01-01");
-  EXPECT_EQ(print<int32_t>(word(LTYPE_TIME, 0, 3), 45296789), "12:34:56.789");
   EXPECT_EQ(print<int64_t>(LTYPE_TIMESTAMP, 719528LL * 86400 + 3661), "1970-01-01 01:01:01");
   EXPECT_EQ(print<int64_t>(LTYPE_INTERVALDS, -90061), "-1 01:01:01");
-  EXPECT_EQ(print<int32_t>(LTYPE_INTERVALYM, -14), "-1-02");
-  EXPECT_EQ(print<const char*>(word(LTYPE_VCHAR, 5), "hello"), "hello");
-  EXPECT_EQ(print<const char*>(LTYPE_VCHAR, ""), "");
 }
 
 TEST(ValueToString, PhysicalTypeDecidesBeforeLogical) {
@@ -439,16 +425,12 @@ TEST_F(ValueFromString, NormalisedTexts) {
     const char* expected;
   } cases[] = {{"bool", "TRUE", "true"},
                {"schr", "-128", "-128"},
-               {"usht", "65535", "65535"},
-               {"ulng", "18446744073709551615", "18446744073709551615"},
-               {"flt", "0.1", "0.1"},
                {"dbl", "2.5e3", "2500"},
                {"s128", "-170141183460469231731687303715884105728",
                 "-170141183460469231731687303715884105728"},
                {"decimal(5,2)", "-0.005", "-0.01"},
                {"money", "$ 12.345", "$ 12.35"},
                {"date", "2024-2-29", "2024-02-29"},
-               {"time(3)", "12:34:56.7895", "12:34:56.789"},
                {"timestamp(2)", "1999-12-31T23:59:59.99", "1999-12-31 23:59:59.99"},
                {"intervalds(1)", "12:00:00.5", "0 12:00:00.5"},
                {"intervalym", "-0-01", "-0-01"}};
@@ -463,14 +445,12 @@ TEST_F(ValueFromString, RefusedTextsRaiseTheirError) {
     const char* text;
     int32_t code;
   } cases[] = {{"bool", "yes", KEST_ERR_NOT_BOOL},
-               {"sint", "abc", KEST_ERR_NOT_NUMBER},
                {"s128", "170141183460469231731687303715884105728", KEST_ERR_NOT_NUMBER},
                {"decimal(5,2)", "12a", KEST_ERR_NOT_NUMBER},
                {"decimal(5,2)", "999.995", KEST_ERR_CONVERSION},
                {"decimal(20,2)", "1", KEST_ERR_CONVERSION},
                {"money", "$$ dollars", KEST_ERR_NOT_MONEY},
                {"date", "2023-02-29", KEST_ERR_CONVERSION},
-               {"timestamp", "2023-01-01 12:00", KEST_ERR_CONVERSION},
                {"intervalym", "1-12", KEST_ERR_CONVERSION},
                {"varchar(4)", "abcd", KEST_ERR_CONVERSION}};
   for (const auto& c : cases) {
