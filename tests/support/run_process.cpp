@@ -49,7 +49,8 @@ std::vector<std::string> environment(const ProcessOptions& options) {
 #else
   for (char** e = environ; *e; ++e) entries.emplace_back(*e);
 #endif
-  for (const auto& [name, value] : options.env) {
+  for (const auto& change : options.env) {
+    const std::string& name = change.first;
     std::erase_if(entries, [&name](const std::string& e) {
       if (e.size() <= name.size() || e[name.size()] != '=') return false;
       for (size_t i = 0; i < name.size(); ++i)
@@ -58,7 +59,7 @@ std::vector<std::string> environment(const ProcessOptions& options) {
           return false;
       return true;
     });
-    if (value) entries.push_back(name + "=" + *value);
+    if (change.second) entries.push_back(name + "=" + *change.second);
   }
   return entries;
 }
@@ -75,8 +76,8 @@ std::vector<std::thread> start_streams(Handle in, Handle out, Handle err,
     }
     close_handle(in);
   });
-  for (auto [h, sink] : {std::pair{out, &r->out}, std::pair{err, &r->err}})
-    threads.emplace_back([h, sink] {
+  for (const auto& [handle, text] : {std::pair{out, &r->out}, std::pair{err, &r->err}})
+    threads.emplace_back([h = handle, sink = text] {
       char buf[4096];
       for (long n; (n = read_some(h, buf, sizeof buf)) > 0;) sink->append(buf, size_t(n));
       close_handle(h);
