@@ -3,6 +3,7 @@
 #include <array>
 #include <cstring>
 
+#include "kernel/digits.h"
 #include "kernel/number_text.h"
 
 namespace {
@@ -23,21 +24,16 @@ constexpr std::array<uint8_t, 366> make_table(bool leap, bool want_month) {
 constexpr int64_t kUnit[10] = {1,      10,      100,      1000,      10000,
                                100000, 1000000, 10000000, 100000000, 1000000000};
 
-constexpr char kTwoDigits[] =
-    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-    "8081828384858687888990919293949596979899";
-
 // Appends v as printf's "%0<width>lld" does: the sign counts toward the width and zeros go
 // between the sign and the digits.
 char* put_int(char* p, int64_t v, int width) {
   if (v >= 0 && v < 100 && width == 2) {
-    std::memcpy(p, kTwoDigits + 2 * v, 2);
+    std::memcpy(p, kDigitPairs + 2 * v, 2);
     return p + 2;
   }
   if (v >= 0 && v < 10000 && width == 4) {  // the years of most dates
-    std::memcpy(p, kTwoDigits + 2 * (v / 100), 2);
-    std::memcpy(p + 2, kTwoDigits + 2 * (v % 100), 2);
+    std::memcpy(p, kDigitPairs + 2 * (v / 100), 2);
+    std::memcpy(p + 2, kDigitPairs + 2 * (v % 100), 2);
     return p + 4;
   }
   uint64_t a = static_cast<uint64_t>(v);
@@ -124,11 +120,39 @@ constinit const std::array<uint8_t, 366> kMonthOfDayLeap = make_table(true, true
 constinit const std::array<uint8_t, 366> kMdayOfDayCommon = make_table(false, false);
 constinit const std::array<uint8_t, 366> kMdayOfDayLeap = make_table(true, false);
 
+namespace {
+
+// From day 366 (1 January of year 1) on, day numbers count the days since 1 January of a year 0
+// that was a leap year, as in the proleptic Gregorian calendar. There the date follows from a
+// few multiplications in a calendar that starts on 1 March (so that the leap day ends a year);
+// the constants turn divisions by 146097, 1461 and 153 into multiplications and shifts. Exact
+// while 4 * (day - 60) + 3 fits 32 bits.
+constexpr int64_t kFastDayEnd = (int64_t{1} << 30) - 1;
+
+void fast_day_to_ymd(int64_t day, int* year, int* month, int* mday) {
+  const auto n = static_cast<uint32_t>(day - 60);  // days since 1 March of year 0
+  const uint32_t n1 = 4 * n + 3;
+  const uint32_t century = n1 / 146097;
+  const uint32_t n2 = (n1 % 146097) | 3;
+  const uint64_t p2 = uint64_t{2939745} * n2;
+  const auto year_of_century = static_cast<uint32_t>(p2 >> 32);
+  const auto day_of_year = static_cast<uint32_t>(p2) / 2939745 / 4;
+  const uint32_t n3 = 2141 * day_of_year + 197913;
+  const uint32_t m = n3 >> 16;
+  const bool january_or_february = day_of_year >= 306;
+  *year = static_cast<int>(100 * century + year_of_century + january_or_february);
+  *month = static_cast<int>(january_or_february ? m - 12 : m);
+  *mday = static_cast<int>((n3 & 0xFFFF) / 2141 + 1);
+}
+
+}  // namespace
+
 bool is_leap_year(int64_t year) { return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0); }
 
 int64_t time_unit(int f) { return kUnit[f]; }
 
 void day_to_ymd(int64_t day, int* year, int* month, int* mday) {
+  if (day >= 366 && day < kFastDayEnd) return fast_day_to_ymd(day, year, month, mday);
   if (day < 0) {
     *year = *month = *mday = -1;
     return;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "kernel/datetime_text.h"
+#include "kernel/digits.h"
 #include "kernel/number_text.h"
 #include "kernel/ptype.h"
 #include "kernel/s128.h"
@@ -520,21 +521,38 @@ int value_to_string(char* buffer, size_t size, const PhysicalType* physical, uin
 
 namespace {
 
+// The longest integer or scaled decimal text: a sign, 19 digits, a point, a terminator.
+constexpr size_t kLongestNumber = 22;
+
 template <typename T>
 int signed_text(char* buffer, size_t size, const PhysicalType*, uint32_t, const void* value) {
-  return int64_to_string(buffer, size, load<T>(value));
+  const int64_t v = load<T>(value);
+  if (size < kLongestNumber) return int64_to_string(buffer, size, v);
+  const uint64_t a = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
+  char* end = buffer + (v < 0) + decimal_digit_count(a);
+  write_digits_backwards(end, a);
+  if (v < 0) buffer[0] = '-';
+  *end = 0;
+  return static_cast<int>(end - buffer);
 }
 
 template <typename T>
 int decimal_text(char* buffer, size_t size, const PhysicalType*, uint32_t type, const void* value) {
-  return cut_to_minus_one(buffer, size,
-                          decimal64_to_string(buffer, size, load<T>(value), scale_of(type)));
+  const int64_t v = load<T>(value);
+  const int scale = scale_of(type);
+  if (size < kLongestNumber || scale < 1 || scale > 18)
+    return cut_to_minus_one(buffer, size, decimal64_to_string(buffer, size, v, scale));
+  // The digits below the point always show, the integer part at least as "0".
+  uint64_t a = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
+  const int digits = decimal_digit_count(a);
+  char* end = buffer + (v < 0) + (digits > scale ? digits : scale + 1) + 1;
+  char* p = write_low_digits_backwards(end, a, scale);
+  *--p = '.';
+  write_digits_backwards(p, a);
+  if (v < 0) buffer[0] = '-';
+  *end = 0;
+  return static_cast<int>(end - buffer);
 }
-
-constexpr char kPairs[] =
-    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-    "8081828384858687888990919293949596979899";
 
 // date_to_string's "%04d-%02d-%02d", written directly for the years 0 to 9999.
 template <typename T>
@@ -543,12 +561,12 @@ int date_text(char* buffer, size_t size, const PhysicalType*, uint32_t, const vo
   int y, m, d;
   day_to_ymd(day, &y, &m, &d);
   if (size <= 10 || y < 0 || y > 9999) return date_to_string(buffer, size, day);
-  std::memcpy(buffer, kPairs + 2 * (y / 100), 2);
-  std::memcpy(buffer + 2, kPairs + 2 * (y % 100), 2);
+  std::memcpy(buffer, kDigitPairs + 2 * (y / 100), 2);
+  std::memcpy(buffer + 2, kDigitPairs + 2 * (y % 100), 2);
   buffer[4] = '-';
-  std::memcpy(buffer + 5, kPairs + 2 * m, 2);
+  std::memcpy(buffer + 5, kDigitPairs + 2 * m, 2);
   buffer[7] = '-';
-  std::memcpy(buffer + 8, kPairs + 2 * d, 2);
+  std::memcpy(buffer + 8, kDigitPairs + 2 * d, 2);
   buffer[10] = 0;
   return 10;
 }

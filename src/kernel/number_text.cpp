@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "kernel/digits.h"
 #include "utils/str_funcs.h"
 
 namespace {
@@ -32,20 +33,6 @@ constexpr uint64_t kPow10[20] = {1ull,
                                  1000000000000000000ull,
                                  10000000000000000000ull};
 
-constexpr char kTwoDigits[] =
-    "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-    "8081828384858687888990919293949596979899";
-
-// The same as count_digits, by halving the range: a handful of comparisons, no loop.
-int digit_count(uint64_t a) {
-  if (a < 100000000) {
-    if (a < 10000) return a < 100 ? (a < 10 ? 1 : 2) : (a < 1000 ? 3 : 4);
-    return a < 1000000 ? (a < 100000 ? 5 : 6) : (a < 10000000 ? 7 : 8);
-  }
-  return 8 + digit_count(a / 100000000);
-}
-
 int count_digits(uint64_t a) {
   int n = 1;
   while (n < 20 && a >= kPow10[n]) ++n;
@@ -56,20 +43,10 @@ int count_digits(uint64_t a) {
 void write_decimal_backwards(char* end, uint64_t a, int scale, bool negative) {
   char* p = end;
   if (scale > 0) {
-    int i = 0;
-    for (; i + 2 <= scale; i += 2, a /= 100) std::memcpy(p -= 2, kTwoDigits + 2 * (a % 100), 2);
-    if (i < scale) {
-      *--p = static_cast<char>('0' + a % 10);
-      a /= 10;
-    }
+    p = write_low_digits_backwards(p, a, scale);
     *--p = '.';
   }
-  for (; a >= 100; a /= 100) std::memcpy(p -= 2, kTwoDigits + 2 * (a % 100), 2);
-  if (a >= 10) {
-    std::memcpy(p -= 2, kTwoDigits + 2 * a, 2);
-  } else {
-    *--p = static_cast<char>('0' + a);
-  }
+  p = write_digits_backwards(p, a);
   if (negative) *--p = '-';
 }
 
@@ -102,7 +79,7 @@ int int64_to_string(char* buffer, size_t size, int64_t value) {
   if (size > 20) {  // the longest text, "-9223372036854775808", and the terminator fit
     const bool negative = value < 0;
     const uint64_t a = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-    char* end = buffer + negative + digit_count(a);
+    char* end = buffer + negative + decimal_digit_count(a);
     write_decimal_backwards(end, a, 0, negative);
     *end = 0;
     return static_cast<int>(end - buffer);
@@ -185,10 +162,10 @@ bool g16_digits(double a, uint64_t* digits, int* exponent) {
 // v < 10^8 as exactly eight digits.
 void put_eight_digits(char* p, uint32_t v) {
   const uint32_t high = v / 10000, low = v % 10000;
-  std::memcpy(p, kTwoDigits + 2 * (high / 100), 2);
-  std::memcpy(p + 2, kTwoDigits + 2 * (high % 100), 2);
-  std::memcpy(p + 4, kTwoDigits + 2 * (low / 100), 2);
-  std::memcpy(p + 6, kTwoDigits + 2 * (low % 100), 2);
+  std::memcpy(p, kDigitPairs + 2 * (high / 100), 2);
+  std::memcpy(p + 2, kDigitPairs + 2 * (high % 100), 2);
+  std::memcpy(p + 4, kDigitPairs + 2 * (low / 100), 2);
+  std::memcpy(p + 6, kDigitPairs + 2 * (low % 100), 2);
 }
 
 // "%.16g" of 16 significant digits and a decimal exponent: fixed notation for exponents from -4
@@ -268,7 +245,8 @@ int decimal64_to_string(char* buffer, size_t size, int64_t value, int scale) {
   uint64_t a = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
   int s = scale > 0 ? scale : 0;
   uint64_t int_part = s >= 20 ? 0 : a / kPow10[s];
-  size_t length = static_cast<size_t>(digit_count(int_part)) + (s > 0 ? s + 1 : 0) + negative;
+  size_t length =
+      static_cast<size_t>(decimal_digit_count(int_part)) + (s > 0 ? s + 1 : 0) + negative;
   if (length < size) {
     write_decimal_backwards(buffer + length, a, s, negative);
     buffer[length] = 0;
