@@ -330,6 +330,26 @@ int64_t NetBufferGetStr(NetBuffer* buf, char* dest) {
   return len;
 }
 
+void NetBufferGetStrs(NetBuffer* buf, int64_t count, char* dest, char** starts) {
+  assert_parsing(buf);
+  const auto* bytes = reinterpret_cast<const unsigned char*>(buf->data);
+  for (int64_t j = 0; j < count; ++j) {
+    int64_t len = 0;
+    int64_t prefix = 1;
+    if (buf->pos < buf->used && bytes[buf->pos] != kVarStep) {
+      len = bytes[buf->pos];  // the usual short text: a one-byte prefix
+      KEST_ASSERT_TEXT(kFacility, buf->pos + 1 + len <= buf->used, "pos + len <= buf->used");
+    } else {
+      len = decode_var_length(buf, &prefix);
+    }
+    std::memcpy(dest, buf->data + buf->pos + prefix, static_cast<size_t>(len));
+    buf->pos += static_cast<int32_t>(prefix + len);
+    starts[j] = dest;
+    dest[len] = '\0';
+    dest += len + 1;
+  }
+}
+
 void NetBufferClose(NetBuffer* buf) {
   KEST_ASSERT(kFacility, buf);
   if (buf->socket != kNetNoSocket && net_close(buf->socket) != 0)

@@ -100,6 +100,10 @@ int64_t NetBufferGetSlng(NetBuffer* buf);
 int64_t NetBufferGetVar(NetBuffer* buf, void* dest);
 // As NetBufferGetVar, then a zero byte after the copied bytes: `dest` needs length + 1 bytes.
 int64_t NetBufferGetStr(NetBuffer* buf, char* dest);
+// Reads the next `count` str fields into `dest` end to end, each followed by a zero byte, and
+// stores where each one begins in `starts`. `dest` needs room for what is left of the message
+// plus `count` bytes. The same as `count` calls of NetBufferGetStr, in one pass.
+void NetBufferGetStrs(NetBuffer* buf, int64_t count, char* dest, char** starts);
 // The length of the next var, without consuming anything, so that the caller can allocate first.
 int64_t NetBufferGetLen(NetBuffer* buf);
 

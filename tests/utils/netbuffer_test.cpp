@@ -121,6 +121,24 @@ TEST(NetBufferWire, FieldsReadBackInOrder) {
   EXPECT_EQ(m.nb.pos, m.nb.used);
 }
 
+TEST(NetBufferWire, StrsInOnePassReadWhatGetStrReads) {
+  MemBuffer m;
+  const std::vector<int32_t> lengths = {3, 0, 254, 255, 600, 1};
+  for (int32_t len : lengths) NetBufferPutVar(&m.nb, letters(len).data(), len);
+  NetBufferPutInt(&m.nb, 7);
+  m.to_parsing();
+  std::vector<char> dest(static_cast<size_t>(m.nb.used - m.nb.pos) + lengths.size(), '#');
+  std::vector<char*> starts(lengths.size());
+  NetBufferGetStrs(&m.nb, static_cast<int64_t>(lengths.size()), dest.data(), starts.data());
+  char* expected_start = dest.data();
+  for (size_t j = 0; j < lengths.size(); ++j) {
+    EXPECT_EQ(starts[j], expected_start) << "texts lie end to end";
+    EXPECT_EQ(std::string(starts[j]), letters(lengths[j])) << "text " << j;
+    expected_start += lengths[j] + 1;
+  }
+  EXPECT_EQ(NetBufferGetInt(&m.nb), 7u) << "the field after the texts";
+}
+
 TEST(NetBufferGrowth, DoublesFromOneMebibyteAndKeepsWhatWasBuilt) {
   MemBuffer m;
   const std::string big = letters(NETBUF_INITIAL_SIZE);  // + 4 header + 4 prefix: just over 1 MiB
@@ -209,6 +227,17 @@ const DeathCase kDeathCases[] = {
      [](NetBuffer* b) {
        char dest[8];
        NetBufferGetVar(b, dest);
+     },
+     "pos \\+ len <= buf->used"},
+    {"StrsBeyondEnd",
+     "\x01"
+     "a\x05"
+     "abc",
+     6,
+     [](NetBuffer* b) {
+       char dest[16];
+       char* starts[2];
+       NetBufferGetStrs(b, 2, dest, starts);
      },
      "pos \\+ len <= buf->used"},
     {"PutWhileParsing", "", 0, [](NetBuffer* b) { NetBufferPutInt(b, 1); },

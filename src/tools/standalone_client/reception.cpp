@@ -119,11 +119,7 @@ void read_column(NetBuffer* netbuf, int32_t column, int64_t rows) {
   // The printer reads each value as a terminated string: each keeps room for a zero.
   auto** values = static_cast<char**>(queryres.data[column]);
   const auto left = static_cast<size_t>(netbuf->used - netbuf->pos);
-  char* next = text_room(column, left + static_cast<size_t>(k));
-  for (int64_t j = 0; j < k; ++j) {
-    values[j] = next;
-    next += NetBufferGetStr(netbuf, next) + 1;
-  }
+  NetBufferGetStrs(netbuf, k, text_room(column, left + static_cast<size_t>(k)), values);
 }
 
 void append_unknown_code_text(std::string& out, const ErrorRecord* record) {
