@@ -1,9 +1,12 @@
-// The portable half of the platform layer: calendar arithmetic, derived clocks, the tick counter
-// and the timed lock, which is built on the plain lock.
+// The portable half of the platform layer: calendar arithmetic, derived clocks, the tick counter,
+// the timed lock, which is built on the plain lock, and virtual memory, which is built on the
+// primitives of the per-system files.
 #include "utils/platform.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <new>
 
@@ -111,3 +114,77 @@ void timed_lock_release(TimedLock* lock) {
 }
 
 TimedLockStats timed_lock_stats(const TimedLock* lock) { return lock->stats; }
+
+namespace {
+size_t round_up(size_t n, size_t unit) { return (n + unit - 1) / unit * unit; }
+
+size_t page_of(bool large) {
+  const size_t lp = large_page_size();
+  return large && lp ? lp : kPageSize;
+}
+
+void* reserve_commit(size_t size, size_t* reserved, bool large) {
+  const size_t page = page_of(large);
+  size = round_up(size, page);
+  const size_t r = round_up(round_up(*reserved, kReserveGranularity), page);
+  if (r > size) {
+    if (void* p = vm_os_reserve(r, large)) {
+      if (vm_os_commit(p, size, large)) {
+        *reserved = r;
+        return p;
+      }
+      vm_os_release(p, r);
+    }
+  }
+  void* p = vm_os_reserve_commit(size, large);
+  if (p) *reserved = size;
+  return p;
+}
+
+void* resize(void* addr, size_t old_size, size_t new_size, size_t wanted, size_t* reserved,
+             bool large) {
+  const size_t page = page_of(large);
+  old_size = round_up(old_size, page);
+  new_size = round_up(new_size, page);
+  wanted = round_up(wanted, page);
+  const size_t r = round_up(*reserved, page);
+  auto* base = static_cast<char*>(addr);
+  if (new_size < old_size) vm_os_decommit(base + new_size, old_size - new_size);
+  if (new_size <= old_size ||
+      (new_size <= r && vm_os_commit(base + old_size, new_size - old_size, large))) {
+    *reserved = r;
+    return addr;
+  }
+  size_t new_reserved = std::max(new_size, wanted);
+  void* moved = reserve_commit(new_size, &new_reserved, large);
+  if (!moved) return nullptr;
+  std::memcpy(moved, addr, old_size);
+  vm_os_release(addr, r);
+  *reserved = new_reserved;
+  return moved;
+}
+}  // namespace
+
+size_t large_page_size() { return 0; }
+
+void* vm_reserve_commit(size_t size, size_t* reserved) {
+  return reserve_commit(size, reserved, false);
+}
+
+void* vm_reserve_commit_large(size_t size, size_t* reserved) {
+  return reserve_commit(size, reserved, true);
+}
+
+void* vm_resize(void* addr, size_t old_size, size_t new_size, size_t wanted_reserve,
+                size_t* reserved) {
+  return resize(addr, old_size, new_size, wanted_reserve, reserved, false);
+}
+
+void* vm_resize_large(void* addr, size_t old_size, size_t new_size, size_t wanted_reserve,
+                      size_t* reserved) {
+  return resize(addr, old_size, new_size, wanted_reserve, reserved, true);
+}
+
+void vm_release(void* addr, size_t reserved) {
+  if (addr) vm_os_release(addr, round_up(reserved, kPageSize));
+}

@@ -98,16 +98,25 @@ constexpr size_t kReserveGranularity = 65536;
 size_t large_page_size();  // 0 while large pages are unavailable
 void* vm_reserve_commit(size_t size, size_t* reserved);
 void* vm_reserve_commit_large(size_t size, size_t* reserved);
-// Grows or shrinks a region in place when possible, else moves it (copying `old_size` bytes,
-// releasing the old region) and returns the new address; null when even moving failed (the old
-// region is then untouched). `*reserved` is written back as the larger of the new size and
-// `wanted_reserve`; on POSIX, where release must know the true extent, it is the region's actual
-// reservation. Pass the last written-back value to vm_release.
+// Grows or shrinks a region in place when possible (within its reservation, when the pages can
+// be committed), else moves it (copying `old_size` bytes, releasing the old region; the new one
+// reserves the larger of the new size and `wanted_reserve`) and returns the new address; null
+// when even moving failed (the old region is then untouched). `*reserved` is written back as the
+// region's actual reservation. Pass the last written-back value to vm_release.
 void* vm_resize(void* addr, size_t old_size, size_t new_size, size_t wanted_reserve,
                 size_t* reserved);
 void* vm_resize_large(void* addr, size_t old_size, size_t new_size, size_t wanted_reserve,
                       size_t* reserved);
 void vm_release(void* addr, size_t reserved);
+
+// The operating system's side of virtual memory, defined once per system (platform_posix.cpp,
+// platform_win.cpp). The vm_* functions above are built on them in platform.cpp; nothing else
+// calls them. Addresses and sizes are whole pages.
+void* vm_os_reserve(size_t bytes, bool large);            // address space only, inaccessible
+void* vm_os_reserve_commit(size_t bytes, bool large);     // reserved and usable at once
+bool vm_os_commit(void* addr, size_t bytes, bool large);  // reserved pages made usable
+void vm_os_decommit(void* addr, size_t bytes);            // pages given back, addresses kept
+void vm_os_release(void* addr, size_t reserved);          // the whole region from its start
 
 // The runtime library's pseudo-random number (rand).
 int kest_random();

@@ -9,10 +9,8 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 
 #include "utils/platform.h"
@@ -88,19 +86,10 @@ void lock_acquire(Lock* lock) { pthread_mutex_lock(&lock->mutex); }
 void lock_release(Lock* lock) { pthread_mutex_unlock(&lock->mutex); }
 bool lock_try_acquire(Lock* lock) { return pthread_mutex_trylock(&lock->mutex) == 0; }
 
+// The virtual-memory primitives the shared vm_* functions of platform.cpp are built on.
+
 namespace {
-size_t round_up(size_t n, size_t unit) { return (n + unit - 1) / unit * unit; }
-
-void* map_reserved(size_t bytes) {
-  void* p = mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  return p == MAP_FAILED ? nullptr : p;
-}
-
-void* map_committed(size_t bytes) {
-  void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  return p == MAP_FAILED ? nullptr : p;
-}
-
+// Transparent huge pages are asked for, never required.
 void hint_large(void* addr, size_t bytes, bool large) {
 #ifdef MADV_HUGEPAGE
   if (large && addr) madvise(addr, bytes, MADV_HUGEPAGE);
@@ -109,79 +98,33 @@ void hint_large(void* addr, size_t bytes, bool large) {
 #endif
 }
 
-void* reserve_commit(size_t size, size_t* reserved, bool large) {
-  const size_t page = kPageSize;
-  size = round_up(size, page);
-  size_t r = round_up(round_up(*reserved, kReserveGranularity), page);
-  if (r > size) {
-    if (void* p = map_reserved(r)) {
-      if (mprotect(p, size, PROT_READ | PROT_WRITE) == 0) {
-        *reserved = r;
-        hint_large(p, r, large);
-        return p;
-      }
-      munmap(p, r);
-    }
-  }
-  void* p = map_committed(size);
-  if (!p) return nullptr;
-  *reserved = size;
-  hint_large(p, size, large);
+void* mapped_or_null(void* p) { return p == MAP_FAILED ? nullptr : p; }
+}  // namespace
+
+void* vm_os_reserve(size_t bytes, bool large) {
+  void* p = mapped_or_null(
+      mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+  hint_large(p, bytes, large);
   return p;
 }
 
-void* resize(void* addr, size_t old_size, size_t new_size, size_t wanted, size_t* reserved,
-             bool large) {
-  const size_t page = kPageSize;
-  old_size = round_up(old_size, page);
-  new_size = round_up(new_size, page);
-  wanted = round_up(wanted, page);
-  const size_t r = round_up(*reserved, page);
-  auto* base = static_cast<char*>(addr);
-  if (new_size <= r) {
-    if (new_size < old_size) {
-      // Give the pages back to the system and make them inaccessible again.
-      madvise(base + new_size, old_size - new_size, MADV_DONTNEED);
-      mprotect(base + new_size, old_size - new_size, PROT_NONE);
-    } else if (new_size > old_size &&
-               mprotect(base + old_size, new_size - old_size, PROT_READ | PROT_WRITE) != 0) {
-      return nullptr;
-    }
-    *reserved = r;
-    return addr;
-  }
-  size_t new_reserved = std::max(new_size, wanted);
-  void* moved = reserve_commit(new_size, &new_reserved, large);
-  if (!moved) return nullptr;
-  std::memcpy(moved, addr, std::min(old_size, new_size));
-  munmap(addr, r);
-  *reserved = new_reserved;
-  return moved;
-}
-}  // namespace
-
-size_t large_page_size() { return 0; }
-
-void* vm_reserve_commit(size_t size, size_t* reserved) {
-  return reserve_commit(size, reserved, false);
+void* vm_os_reserve_commit(size_t bytes, bool large) {
+  void* p = mapped_or_null(
+      mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  hint_large(p, bytes, large);
+  return p;
 }
 
-void* vm_reserve_commit_large(size_t size, size_t* reserved) {
-  return reserve_commit(size, reserved, true);
+bool vm_os_commit(void* addr, size_t bytes, bool /*large*/) {
+  return mprotect(addr, bytes, PROT_READ | PROT_WRITE) == 0;
 }
 
-void* vm_resize(void* addr, size_t old_size, size_t new_size, size_t wanted_reserve,
-                size_t* reserved) {
-  return resize(addr, old_size, new_size, wanted_reserve, reserved, false);
+void vm_os_decommit(void* addr, size_t bytes) {
+  // Give the pages back to the system and make them inaccessible again.
+  madvise(addr, bytes, MADV_DONTNEED);
+  mprotect(addr, bytes, PROT_NONE);
 }
 
-void* vm_resize_large(void* addr, size_t old_size, size_t new_size, size_t wanted_reserve,
-                      size_t* reserved) {
-  return resize(addr, old_size, new_size, wanted_reserve, reserved, true);
-}
-
-void vm_release(void* addr, size_t reserved) {
-  if (addr) munmap(addr, round_up(reserved, kPageSize));
-}
+void vm_os_release(void* addr, size_t reserved) { munmap(addr, reserved); }
 
 #endif  // !_WIN32

@@ -7,9 +7,7 @@
 #include <sys/types.h>
 #include <windows.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 
 #include "utils/platform.h"
@@ -71,86 +69,33 @@ void lock_acquire(Lock* lock) { EnterCriticalSection(&lock->section); }
 void lock_release(Lock* lock) { LeaveCriticalSection(&lock->section); }
 bool lock_try_acquire(Lock* lock) { return TryEnterCriticalSection(&lock->section) != 0; }
 
+// The virtual-memory primitives the shared vm_* functions of platform.cpp are built on.
+
 namespace {
+// Small regions are placed from the top of the address space down, away from the heap's growth.
 constexpr size_t kTopDownBelow = 1000000;
 
-size_t round_up(size_t n, size_t unit) { return (n + unit - 1) / unit * unit; }
-
-size_t page_of(bool large) {
-  const size_t lp = large_page_size();
-  return large && lp ? lp : kPageSize;
-}
-
-DWORD extra_flags(size_t reservation, bool large) {
-  DWORD flags = reservation < kTopDownBelow ? MEM_TOP_DOWN : 0;
-  if (large && large_page_size()) flags |= MEM_LARGE_PAGES;
-  return flags;
-}
-
-void* reserve_commit(size_t size, size_t* reserved, bool large) {
-  const size_t page = page_of(large);
-  size = round_up(size, page);
-  size_t r = round_up(round_up(*reserved, kReserveGranularity), page);
-  const DWORD extra = extra_flags(r, large);
-  *reserved = r;
-  if (r > size) {
-    if (void* p = VirtualAlloc(nullptr, r, MEM_RESERVE | extra, PAGE_NOACCESS)) {
-      if (VirtualAlloc(p, size, MEM_COMMIT | extra, PAGE_READWRITE)) return p;
-      VirtualFree(p, 0, MEM_RELEASE);
-    }
-  }
-  *reserved = size;
-  return VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT | extra, PAGE_READWRITE);
-}
-
-void* resize(void* addr, size_t old_size, size_t new_size, size_t wanted, size_t* reserved,
-             bool large) {
-  const size_t page = page_of(large);
-  old_size = round_up(old_size, page);
-  new_size = round_up(new_size, page);
-  wanted = round_up(wanted, page);
-  size_t r = std::max(round_up(*reserved, page), new_size);
-  auto* base = static_cast<char*>(addr);
-  void* result = addr;
-  if (new_size < old_size) {
-    VirtualFree(base + new_size, old_size - new_size, MEM_DECOMMIT);
-  } else if (new_size > old_size) {
-    void* grown = VirtualAlloc(addr, new_size, MEM_COMMIT | extra_flags(r, large), PAGE_READWRITE);
-    if (grown != addr) {
-      size_t new_reserved = std::max(new_size, wanted);
-      result = reserve_commit(new_size, &new_reserved, large);
-      if (!result) return nullptr;
-      std::memcpy(result, addr, old_size);
-      VirtualFree(addr, 0, MEM_RELEASE);
-    }
-  }
-  *reserved = std::max(new_size, wanted);
-  return result;
+DWORD large_flag(bool large) { return large && large_page_size() ? MEM_LARGE_PAGES : 0; }
+DWORD placement_flags(size_t reservation, bool large) {
+  return (reservation < kTopDownBelow ? MEM_TOP_DOWN : 0) | large_flag(large);
 }
 }  // namespace
 
-size_t large_page_size() { return 0; }
-
-void* vm_reserve_commit(size_t size, size_t* reserved) {
-  return reserve_commit(size, reserved, false);
+void* vm_os_reserve(size_t bytes, bool large) {
+  return VirtualAlloc(nullptr, bytes, MEM_RESERVE | placement_flags(bytes, large), PAGE_NOACCESS);
 }
 
-void* vm_reserve_commit_large(size_t size, size_t* reserved) {
-  return reserve_commit(size, reserved, true);
+void* vm_os_reserve_commit(size_t bytes, bool large) {
+  return VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT | placement_flags(bytes, large),
+                      PAGE_READWRITE);
 }
 
-void* vm_resize(void* addr, size_t old_size, size_t new_size, size_t wanted_reserve,
-                size_t* reserved) {
-  return resize(addr, old_size, new_size, wanted_reserve, reserved, false);
+bool vm_os_commit(void* addr, size_t bytes, bool large) {
+  return VirtualAlloc(addr, bytes, MEM_COMMIT | large_flag(large), PAGE_READWRITE) == addr;
 }
 
-void* vm_resize_large(void* addr, size_t old_size, size_t new_size, size_t wanted_reserve,
-                      size_t* reserved) {
-  return resize(addr, old_size, new_size, wanted_reserve, reserved, true);
-}
+void vm_os_decommit(void* addr, size_t bytes) { VirtualFree(addr, bytes, MEM_DECOMMIT); }
 
-void vm_release(void* addr, size_t /*reserved*/) {
-  if (addr) VirtualFree(addr, 0, MEM_RELEASE);
-}
+void vm_os_release(void* addr, size_t /*reserved*/) { VirtualFree(addr, 0, MEM_RELEASE); }
 
 #endif  // _WIN32
