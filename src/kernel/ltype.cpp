@@ -141,7 +141,7 @@ uint32_t ltype_from_name(const char* name, int p1, int p2) {
 // name in capitals are not read although the name itself matches.
 uint32_t ltype_parse(const char* text) {
   int p1 = 0, p2 = 0;
-  if (text) {
+  if (text && std::strchr(text, '(')) {  // without one neither pattern matches
     std::sscanf(text, "%*[a-z](%d", &p1);
     std::sscanf(text, "%*[a-z](%*d,%d", &p2);
   }

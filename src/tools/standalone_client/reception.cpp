@@ -94,9 +94,10 @@ void read_column_type(NetBuffer* netbuf, int32_t i, int64_t vector_size) {
   // column would be read past its values. Malformed, like a field running past its frame.
   KEST_ASSERT(kFacility, ltype_id(queryres.ltype[i]) != LTYPE_MONEY || queryres.width[i] >= 8);
   const int64_t values = queryres.isconst[i] ? 1 : vector_size;
+  // Every message writes the values it carries before the printer reads them: no zero fill.
   if (values >= 0 && queryres.width[i] > 0)
     queryres.data[i] =
-        calloc(static_cast<size_t>(values ? values : 1), static_cast<size_t>(queryres.width[i]));
+        malloc(static_cast<size_t>(values ? values : 1) * static_cast<size_t>(queryres.width[i]));
   KEST_ASSERT(kFacility, queryres.data[i]);
 }
 
