@@ -1,5 +1,6 @@
 #include "tools/standalone_client/driver.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "kernel/ltype.h"
@@ -185,6 +186,10 @@ int kest_client_main(int argc, char** argv) {
       break;
   }
 
+  // The printer gathers whole blocks itself: a second buffer in the C stream would only copy
+  // them again and cut them into its own block size. Text printed directly ("Error: ...") then
+  // goes out at once, in order with the blocks.
+  std::setvbuf(stdout, nullptr, _IONBF, 0);
   ZN_LOG(kFacility, ZN_INFO, "Starting");
   ZN_LOG(kFacility, ZN_INFO, "Creating connection to server");
   if (run.ping) {

@@ -353,7 +353,6 @@ ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
     return nullptr;
   }
   print_head(*p, names);
-  p->out.drain();
   return p.release();
 }
 
@@ -368,7 +367,10 @@ void printer_rows(ResultPrinter* printer, void* const* data, const int32_t* sele
     print_table_rows(*printer, data, selection, rows);
   }
   printer->rows += rows;
-  printer->out.drain();
+}
+
+void printer_flush(ResultPrinter* printer) {
+  if (printer != nullptr) printer->out.flush();
 }
 
 void printer_close(ResultPrinter* printer) {

@@ -17,19 +17,22 @@ enum : int { OUTPUT_ASCII = 0, OUTPUT_UNICODE = 1, OUTPUT_RAW = 2, OUTPUT_HTML =
 // `names` (ncols entries), `types`, `ltypes` and `isconst` are borrowed and must outlive the
 // printer. A column with an empty name and 1-byte values that is not the last one, and does not
 // follow such a column, is the null indicator of the next column and is never printed.
-// The head is written to `stream` before the call returns; the stream is not flushed (see below).
+//
+// The printer gathers its text in a block of its own: what printer_open and printer_rows print
+// reaches `stream` when the block fills, at printer_flush and at printer_close. The caller
+// flushes before it waits for the next message (rows appear as their message arrives, and the
+// messages of a short answer that come together leave in one write) and before it writes
+// anything else to the same stream (so that its text follows the rows).
 ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
                             const PhysicalType* const* types, const uint32_t* ltypes,
                             const int32_t* isconst, int mode);
 // Prints `rows` rows of one data message. `data` holds one data area per column (one value for a
 // constant column, else at least `rows` values, or as many as `selection` reaches); `selection`
-// (optional, may be null) lists the row indexes to print. Everything is written to the stream
-// before the call returns, so that text the caller writes to the same stream afterwards follows
-// it; the stream is not flushed: the caller flushes it before it waits for the next message, so
-// rows appear as their message arrives without a write per message when messages come
-// back to back. A null printer prints nothing.
+// (optional, may be null) lists the row indexes to print. A null printer prints nothing.
 void printer_rows(ResultPrinter* printer, void* const* data, const int32_t* selection,
                   int64_t rows);
+// Writes what the printer holds to its stream and flushes the stream. A null printer is ignored.
+void printer_flush(ResultPrinter* printer);
 // Prints the footer, flushes the stream and frees the printer. A null printer is ignored.
 void printer_close(ResultPrinter* printer);
 // Prints rule line 0 (top), 1 (middle) or 2 (bottom); any other line is an assertion failure.

@@ -172,13 +172,14 @@ int64_t receive_data(ClientConnection* connection) {
   NetBuffer* netbuf = &connection->netbuf;
   // What was printed must be on the screen before the client waits for the server; when the
   // next message is already here, the output of both goes out together.
-  if (!NetBufferFrameReady(netbuf)) std::fflush(stdout);
+  if (!NetBufferFrameReady(netbuf)) printer_flush(queryres.printer);
   const int got = NetBufferRecv(netbuf);
   if (got <= 0) {
     ZN_LOG(kFacility, ZN_ERROR, got == 0 ? "connection closed by server" : "network error");
     return -1;
   }
   if (NetBufferGetInt(netbuf) == kStatusError) {
+    printer_flush(queryres.printer);  // the rows before the error line
     ErrorRecord* error = receive_error(netbuf);
     if (error) report_server_error(error);
     return -1;
