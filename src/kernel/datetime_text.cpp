@@ -28,12 +28,12 @@ constexpr int64_t kUnit[10] = {1,      10,      100,      1000,      10000,
 // between the sign and the digits.
 char* put_int(char* p, int64_t v, int width) {
   if (v >= 0 && v < 100 && width == 2) {
-    std::memcpy(p, kDigitPairs + 2 * v, 2);
+    put_digit_pair(p, v);
     return p + 2;
   }
   if (v >= 0 && v < 10000 && width == 4) {  // the years of most dates
-    std::memcpy(p, kDigitPairs + 2 * (v / 100), 2);
-    std::memcpy(p + 2, kDigitPairs + 2 * (v % 100), 2);
+    put_digit_pair(p, v / 100);
+    put_digit_pair(p + 2, v % 100);
     return p + 4;
   }
   uint64_t a = static_cast<uint64_t>(v);

@@ -561,12 +561,12 @@ int date_text(char* buffer, size_t size, const PhysicalType*, uint32_t, const vo
   int y, m, d;
   day_to_ymd(day, &y, &m, &d);
   if (size <= 10 || y < 0 || y > 9999) return date_to_string(buffer, size, day);
-  std::memcpy(buffer, kDigitPairs + 2 * (y / 100), 2);
-  std::memcpy(buffer + 2, kDigitPairs + 2 * (y % 100), 2);
+  put_digit_pair(buffer, y / 100);
+  put_digit_pair(buffer + 2, y % 100);
   buffer[4] = '-';
-  std::memcpy(buffer + 5, kDigitPairs + 2 * m, 2);
+  put_digit_pair(buffer + 5, m);
   buffer[7] = '-';
-  std::memcpy(buffer + 8, kDigitPairs + 2 * d, 2);
+  put_digit_pair(buffer + 8, d);
   buffer[10] = 0;
   return 10;
 }

@@ -162,10 +162,10 @@ bool g16_digits(double a, uint64_t* digits, int* exponent) {
 // v < 10^8 as exactly eight digits.
 void put_eight_digits(char* p, uint32_t v) {
   const uint32_t high = v / 10000, low = v % 10000;
-  std::memcpy(p, kDigitPairs + 2 * (high / 100), 2);
-  std::memcpy(p + 2, kDigitPairs + 2 * (high % 100), 2);
-  std::memcpy(p + 4, kDigitPairs + 2 * (low / 100), 2);
-  std::memcpy(p + 6, kDigitPairs + 2 * (low % 100), 2);
+  put_digit_pair(p, high / 100);
+  put_digit_pair(p + 2, high % 100);
+  put_digit_pair(p + 4, low / 100);
+  put_digit_pair(p + 6, low % 100);
 }
 
 // "%.16g" of 16 significant digits and a decimal exponent: fixed notation for exponents from -4
