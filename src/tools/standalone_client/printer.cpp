@@ -112,6 +112,10 @@ struct ResultPrinter {
 
   std::vector<Column> columns;
   std::vector<int32_t> visible;  // indexes of the printed columns, in order
+  // Table modes: the texts of one row, a kValueTextSize slot per visible column, and their lengths.
+  std::vector<char> slots;
+  std::vector<size_t> lengths;
+  char* slot(size_t k) { return slots.data() + k * kValueTextSize; }
   int64_t rows = 0;
   OutBuffer out;
   const LineGlyphs* glyphs;
@@ -139,6 +143,10 @@ void setup_columns(ResultPrinter& p, int32_t ncols, char* const* names,
     c.indicator_const = previous_hidden ? p.columns[i - 1].isconst : 0;
     c.left = is_text_type(c.ltype);
     if (!c.hidden) p.visible.push_back(i);
+  }
+  if (!p.raw && !p.html) {
+    p.slots.resize(p.visible.size() * kValueTextSize);
+    p.lengths.resize(p.visible.size());
   }
 }
 
@@ -240,42 +248,58 @@ char* put(char* w, const char (&text)[N]) {
   return w + N - 1;
 }
 
-// Right-aligns the `len` bytes at `cell` in `width` bytes; returns the end of the cell. Short
-// texts move as one fixed block over a fixed run of blanks, which needs no call into the C library.
-char* align_right(char* cell, size_t len, size_t width) {
-  if (len >= width) return cell + len;
+// Writes the `len` bytes of `text` right-aligned in `width` bytes at `cell`; returns the end of
+// the cell. `text` is a value slot: a short text moves as one fixed block over a fixed run of
+// blanks, which needs no call into the C library.
+char* place_right(char* cell, const char* text, size_t len, size_t width) {
+  if (len >= width) {
+    std::memcpy(cell, text, len);
+    return cell + len;
+  }
   const size_t pad = width - len;
+  std::memset(cell, ' ', kMaxWidth);
   if (len <= kShortText) {
-    char text[kShortText];
-    std::memcpy(text, cell, kShortText);
-    std::memset(cell, ' ', kMaxWidth);
     std::memcpy(cell + pad, text, kShortText);
   } else {
-    std::memmove(cell + pad, cell, len);
-    std::memset(cell, ' ', pad);
+    std::memcpy(cell + pad, text, len);
   }
   return cell + width;
 }
 
-// Left-aligns: blanks up to the width counted in characters.
-char* align_left(char* cell, size_t len, size_t width) {
-  const size_t chars = utf8_chars(cell, len);
+// Left-aligned: blanks up to the width counted in characters.
+char* place_left(char* cell, const char* text, size_t len, size_t width) {
+  const size_t chars = utf8_chars(text, len);
+  if (len <= kShortText) {
+    std::memcpy(cell, text, kShortText);
+  } else {
+    std::memcpy(cell, text, len);
+  }
   std::memset(cell + len, ' ', kMaxWidth);
   return cell + len + (chars < width ? width - chars : 0);
 }
 
+// The texts of a row are converted first, each into a slot of its own, and only then placed
+// into the line: reading a text back at once, right after the conversion wrote it two bytes at a
+// time, stalls every cell until those stores have drained.
 void print_table_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {
   const Separator sep = separator_of(*p.glyphs);
+  const size_t n = p.visible.size();
   char* w = p.out.cursor();
   for (int64_t r = 0; r < rows; ++r) {
     const int64_t row = selection ? selection[r] : r;
+    for (size_t k = 0; k < n; ++k) {
+      const int32_t i = p.visible[k];
+      p.lengths[k] = cell_text(p.columns[i], data, row, i, p.slot(k));
+    }
     w = put(p.out.make_room(w, sizeof sep.bytes), sep);
-    for (int32_t i : p.visible) {
-      const Column& c = p.columns[i];
+    for (size_t k = 0; k < n; ++k) {
+      const Column& c = p.columns[p.visible[k]];
       char* cell = p.out.make_room(w, kCellRoom);
-      const size_t len = cell_text(c, data, row, i, cell);
       const size_t width = static_cast<size_t>(c.width);
-      w = put(c.left ? align_left(cell, len, width) : align_right(cell, len, width), sep);
+      const char* text = p.slot(k);
+      w = put(c.left ? place_left(cell, text, p.lengths[k], width)
+                     : place_right(cell, text, p.lengths[k], width),
+              sep);
     }
     w = p.out.make_room(w, 1);
     *w++ = '\n';
