@@ -85,7 +85,6 @@ TEST_F(Session, PauseShiftCountWrapsAtThirtyTwo) {
   EXPECT_EQ(client_connect("127.0.0.1", dead.port, 34), nullptr);
   testing::internal::GetCapturedStderr();
   ASSERT_EQ(pauses.size(), 33u);
-  EXPECT_EQ(pauses[22], 1677721600u);
   EXPECT_EQ(pauses[31], 0u) << "400 << 31 keeps no bit of 400 in 32 bits";
   EXPECT_EQ(pauses[32], 400u) << "try 32 pauses like try 0";
 }
@@ -119,53 +118,41 @@ TEST_F(Session, LowDottedAddressesAndHostNamesConnect) {
   }
 }
 
-TEST_F(Session, NegativeTriesLeaveTheSocketUnconnectedAndTheSendFails) {
-  DeadPort dead;
-  ClientConnection* connection = client_connect("127.0.0.1", dead.port, -1);
-  ASSERT_NE(connection, nullptr);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(run_query(connection, "q"), -1);
-  EXPECT_THAT(testing::internal::GetCapturedStderr(),
-              HasSubstr("network error while sending query"));
-  client_disconnect(connection);
-}
-
-TEST_F(Session, PassfileBytesAreSentAsTheKey) {
-  const std::filesystem::path path = std::filesystem::temp_directory_path() /
-                                     ("kest_session_key_" + std::to_string(std::random_device{}()));
+// The first 64 bytes of the passfile are the key. Negative tries leave the socket unconnected,
+// so the query's send fails.
+TEST_F(Session, PassfileBytesAreTheKeyAndNegativeTriesConnectNothing) {
+  // The store keeps the text it is given, not a copy.
+  const std::string path = (std::filesystem::temp_directory_path() /
+                            ("kest_session_key_" + std::to_string(std::random_device{}())))
+                               .string();
   const struct {
     size_t file_bytes;  // 0: no passfile configured
-    size_t key_bytes;   // what is sent
-    const char* log;    // expected in the log, or ""
+    size_t key_bytes;
+    const char* log;  // expected in the log, or ""
   } cases[] = {
       {0, 0, ""}, {10, 10, "only contains 10 bytes instead of 64"}, {64, 64, ""}, {70, 64, ""}};
+  DeadPort dead;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file_bytes);
     std::string content;
     for (size_t i = 0; i < c.file_bytes; ++i) content += static_cast<char>('A' + i % 26);
     const std::unique_ptr<ConfigLayer, void (*)(ConfigLayer*)> config(znconfig_create(),
                                                                       znconfig_free);
-    ASSERT_NE(config, nullptr);
     client_config = config.get();
     if (c.file_bytes > 0) {
       std::ofstream(path, std::ios::binary) << content;
       ASSERT_EQ(znconfig_set_str(config.get(), 3, 22, path.c_str()), 1);
     }
-    ScriptedPeer peer;
-    peer.read_frame().close();
-    peer.start();
     testing::internal::CaptureStderr();
-    ClientConnection* connection = client_connect("127.0.0.1", peer.port(), 1);
+    ClientConnection* connection = client_connect("127.0.0.1", dead.port, -1);
     ASSERT_NE(connection, nullptr);
-    EXPECT_EQ(run_query(connection, "Array([i=0])"), -1);
+    EXPECT_EQ(connection->key, content.substr(0, c.key_bytes));
+    EXPECT_EQ(run_query(connection, "q"), -1);
     const std::string log = testing::internal::GetCapturedStderr();
     client_disconnect(connection);
     client_config = nullptr;
-    ASSERT_TRUE(peer.join());
-    EXPECT_EQ(peer.frames(),
-              std::vector({query_frame("Array([i=0])", content.substr(0, c.key_bytes))}));
     EXPECT_THAT(log, HasSubstr(c.log));
-    EXPECT_THAT(log, HasSubstr("network error while reading ack"));
+    EXPECT_THAT(log, HasSubstr("network error while sending query"));
   }
   std::filesystem::remove(path);
 }
@@ -173,21 +160,21 @@ TEST_F(Session, PassfileBytesAreSentAsTheKey) {
 // An error acknowledgement is printed, and the connection serves the next query.
 TEST_F(Session, ErrorAcknowledgementIsPrintedAndTheNextQueryRuns) {
   const struct {
-    int32_t code;
-    std::vector<std::string> params;
+    std::string reply;
     const char* printed;
   } cases[] = {
-      {10, {"q", "1", "2", "bad"}, "Parse error in q at line 1, column 2: bad."},
-      {184, {"a", "b"}, "Unknown error code 184 (parameters: 'a', 'b')"},
-      {-2, {"x"}, "Unknown error code -2 (parameters: 'x')"},
+      {kest_test::error_record(10, {"q", "1", "2", "bad"}),
+       "Parse error in q at line 1, column 2: bad."},
+      {kest_test::error_record(-2, {"x"}), "Unknown error code -2 (parameters: 'x')"},
+      // A negative parameter count reads no parameter.
+      {frame(be32(0xFFFFFFFFu) + be32(184) + be32(0xFFFFFFFFu)),
+       "Unknown error code 184 (no parameters)"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.printed);
     ScriptedPeer peer;
-    peer.read_frame()
-        .send(kest_test::error_record(c.code, c.params))
-        .read_frame()
-        .send(kest_test::ack(1024, {}) + kest_test::data(0));
+    peer.read_frame().send(c.reply).read_frame().send(kest_test::ack(1024, {}) +
+                                                      kest_test::data(0));
     peer.start();
     ClientConnection* connection = client_connect("127.0.0.1", peer.port(), 1);
     ASSERT_NE(connection, nullptr);
