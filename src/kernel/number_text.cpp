@@ -1,6 +1,7 @@
 #include "kernel/number_text.h"
 
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -159,26 +160,41 @@ bool g16_digits(double a, uint64_t* digits, int* exponent) {
   return false;
 }
 
-// v < 10^8 as exactly eight digits.
-void put_eight_digits(char* p, uint32_t v) {
-  const uint32_t high = v / 10000, low = v % 10000;
-  put_digit_pair(p, high / 100);
-  put_digit_pair(p + 2, high % 100);
-  put_digit_pair(p + 4, low / 100);
-  put_digit_pair(p + 6, low % 100);
+static_assert(std::endian::native == std::endian::little, "digit words are laid out little-endian");
+
+// v < 10^8 as eight ASCII digits, most significant first in memory, in one 64-bit word: the
+// halves, quarters and single digits are split in all lanes at once by multiplications that
+// divide exactly below 10^4 (by 100) and below 100 (by 10).
+uint64_t eight_digits_word(uint32_t v) {
+  uint64_t x = v / 10000 | uint64_t{v % 10000} << 32;
+  const uint64_t hundreds = (x * 5243) >> 19 & 0x0000007F0000007Full;
+  x = hundreds | (x - hundreds * 100) << 16;
+  const uint64_t tens = (x * 103) >> 10 & 0x000F000F000F000Full;
+  x = tens | (x - tens * 10) << 8;
+  return x + 0x3030303030303030ull;
 }
 
+using DigitBlock = unsigned __int128;  // sixteen digit bytes, the first in the lowest byte
+
+void store_block(char* p, DigitBlock block) { std::memcpy(p, &block, sizeof block); }
+
 // "%.16g" of 16 significant digits and a decimal exponent: fixed notation for exponents from -4
-// to 15, else d.ddde-XX; trailing zeros of the fraction dropped. Digits move in fixed 16-byte
-// blocks, so `p` needs room for 40 bytes whatever the length of the result.
+// to 15, else d.ddde-XX; trailing zeros of the fraction dropped. The digits stay in registers and
+// leave in 16-byte stores (reading back bytes just written in pieces would wait on every value),
+// so `p` needs room for 40 bytes whatever the length of the result.
 char* put_g16(char* p, uint64_t digits, int e) {
-  char d[32];  // the 16 digits, then zeros that the fixed-size copies may read
-  put_eight_digits(d, static_cast<uint32_t>(digits / 100000000));
-  put_eight_digits(d + 8, static_cast<uint32_t>(digits % 100000000));
-  std::memset(d + 16, '0', 16);
-  int n = 16;
-  while (n > 1 && d[n - 1] == '0') --n;
+  const DigitBlock block = eight_digits_word(static_cast<uint32_t>(digits / 100000000)) |
+                           DigitBlock{eight_digits_word(digits % 100000000)} << 64;
+  // Trailing '0' digits are the top bytes of the block that equal '0'; the first digit never is.
+  const DigitBlock differ =
+      block ^ (DigitBlock{0x3030303030303030ull} << 64 | 0x3030303030303030ull);
+  const auto top = static_cast<uint64_t>(differ >> 64);
+  const int zeros = top != 0 ? std::countl_zero(top) / 8
+                             : 8 + std::countl_zero(static_cast<uint64_t>(differ)) / 8;
+  const int n = 16 - zeros;
   if (e >= 16 || e < -4) {
+    char d[16];
+    store_block(d, block);
     *p++ = d[0];
     if (n > 1) *p++ = '.';
     for (int i = 1; i < n; ++i) *p++ = d[i];
@@ -192,13 +208,13 @@ char* put_g16(char* p, uint64_t digits, int e) {
   if (e < 0) {  // "0.", -e - 1 zeros, the digits
     std::memcpy(p, "0.0000", 6);
     p += 1 - e;
-    std::memcpy(p, d, 16);
+    store_block(p, block);
     return p + n;
   }
-  std::memcpy(p, d, 16);
+  store_block(p, block);
   if (n <= e + 1) return p + e + 1;
   p[e + 1] = '.';
-  std::memcpy(p + e + 2, d + e + 1, 16);
+  store_block(p + e + 2, block >> (8 * (e + 1)));
   return p + n + 1;
 }
 
