@@ -120,8 +120,8 @@ TEST(NetBufferDeathTest, ReadingPastTheMessageOrInTheWrongStateEndsTheProcess) {
       {"\x01\x02\x03", [](NetBuffer* b) { NetBufferGetInt(b); }, "buf->pos \\+ len <= buf->used"},
       {"\xFF\xFF", [](NetBuffer* b) { NetBufferGetLen(b); }, "pos \\+ len <= buf->used"},
       {"\x01"
-       "a\x05"
-       "abc",
+       "a\x04"
+       "abc",  // four bytes announced, three left
        [](NetBuffer* b) {
          char dest[16];
          char* starts[2];
