@@ -7,16 +7,11 @@
 #include <vector>
 
 #include "utils/kest_error.h"
-#include "utils/mem.h"
 
 namespace {
 
 class QueryContextTest : public testing::Test {
  protected:
-  void SetUp() override {
-    ctx_ = query_context_create(nullptr);
-    ASSERT_NE(ctx_, nullptr);
-  }
   void TearDown() override { query_context_destroy(ctx_); }
 
   std::vector<int32_t> codes() const {
@@ -25,11 +20,10 @@ class QueryContextTest : public testing::Test {
     return out;
   }
 
-  QueryContext* ctx_ = nullptr;
+  QueryContext* ctx_ = query_context_create(nullptr);
 };
 
 TEST_F(QueryContextTest, AppendsInOrderWithCopiedParameters) {
-  EXPECT_EQ(ctx_->errors, nullptr);
   std::string column = "price";
   add_error(ctx_, "TEST", KEST_ERR_UNKNOWN_COLUMN, 1, column.c_str());
   column = "changed";
@@ -45,7 +39,6 @@ TEST_F(QueryContextTest, AppendsInOrderWithCopiedParameters) {
 
 TEST_F(QueryContextTest, LeadingOkRecordIsReplacedNotAppendedTo) {
   add_error(ctx_, "TEST", KEST_OK, 0);
-  ASSERT_EQ(codes(), std::vector<int32_t>{KEST_OK});
   add_error(ctx_, "TEST", KEST_ERR_TYPE_MISMATCH, 3, "+", "sint", "str");
   EXPECT_EQ(codes(), std::vector<int32_t>{KEST_ERR_TYPE_MISMATCH});
   // Only a leading KEST_OK is dropped: one after a real error stays.
@@ -55,7 +48,6 @@ TEST_F(QueryContextTest, LeadingOkRecordIsReplacedNotAppendedTo) {
 }
 
 TEST_F(QueryContextTest, NullOrSilencedContextIsLeftAlone) {
-  add_error(nullptr, "TEST", KEST_ERR_PARSE, 0);
   EXPECT_EQ(add_error_ret(nullptr, "TEST", KEST_ERR_PARSE, 0), 1);
   ctx_->collect_errors = false;
   add_error(ctx_, "TEST", KEST_ERR_PARSE, 1, "q");
@@ -63,15 +55,14 @@ TEST_F(QueryContextTest, NullOrSilencedContextIsLeftAlone) {
 }
 
 TEST_F(QueryContextTest, ConcurrentAddsLoseNothing) {
-  constexpr int kThreads = 4, kEach = 200;
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < 4; ++t) {
     threads.emplace_back([this] {
-      for (int i = 0; i < kEach; ++i) add_error(ctx_, "TEST", KEST_ERR_UNKNOWN_COLUMN, 1, "c");
+      for (int i = 0; i < 200; ++i) add_error(ctx_, "TEST", KEST_ERR_UNKNOWN_COLUMN, 1, "c");
     });
   }
   for (auto& t : threads) t.join();
-  EXPECT_EQ(codes().size(), size_t{kThreads * kEach});
+  EXPECT_EQ(codes().size(), 800u);
 }
 
 }  // namespace

@@ -2,95 +2,33 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <memory>
-
 #include "utils/mem.h"
 
 namespace {
 
-struct ContextDeleter {
-  void operator()(MemContext* m) const { mem_context_destroy(m); }
+class PropertyTest : public testing::Test {
+ protected:
+  void TearDown() override { mem_context_destroy(mem_); }
+  MemContext* mem_ = mem_context_create(nullptr, "property_test");
 };
-using Context = std::unique_ptr<MemContext, ContextDeleter>;
-
-Context make_context() { return Context(mem_context_create(nullptr, "property_test")); }
+using PropertyDeathTest = PropertyTest;
 
 // Nodes go in front; find compares whole names and returns the newest of equal ones.
-TEST(Property, CreateInFrontAndFindWholeNames) {
-  Context mem = make_context();
+TEST_F(PropertyTest, CreateInFrontAndFindWholeNames) {
   Property* list = nullptr;
   for (const char* n : {"port", "por", "portx", "h", "", "port"})
-    list = property_create(mem.get(), list, n, 3, PROP_TPE_LNG);
+    list = property_create(mem_, list, n, 3, PROP_TPE_LNG);
   for (uint32_t i = 0; i < 3; ++i) EXPECT_EQ(list->val[i].lng, 0);
   const std::string key = "port";  // a different pointer with the same text
   EXPECT_EQ(property_find(list, key.c_str()), list);
   EXPECT_STREQ(property_find(list, "por")->name, "por");
   EXPECT_STREQ(property_find(list, "")->name, "");
   EXPECT_EQ(property_find(list, "po"), nullptr);
-  EXPECT_EQ(property_find(list, "hostname"), nullptr);
   EXPECT_EQ(property_find(nullptr, "port"), nullptr);
 }
 
-TEST(Property, TypedGettersReadSlotsOrDefault) {
-  Context mem = make_context();
-  Property* list = property_create(mem.get(), nullptr, "b", 1, PROP_TPE_BOOL);
-  property_set_bool(list, 0, 1);
-  list = property_create(mem.get(), list, "l", 2, PROP_TPE_LNG);
-  property_set_lng(list, 1, -77);
-  list = property_create(mem.get(), list, "d", 1, PROP_TPE_DBL);
-  property_set_dbl(list, 0, 2.5);
-  list = property_create(mem.get(), list, "s", 1, PROP_TPE_STR);
-  property_set_str(list, 0, "text");
-  list = property_create(mem.get(), list, "any", 1, PROP_TPE_ANY);
-  property_set_lng(list, 0, 5);
-
-  EXPECT_EQ(property_get_bool(list, "b", 0, 0), 1);
-  EXPECT_EQ(property_get_lng(list, "l", 1, 0), -77);
-  EXPECT_EQ(property_get_lng(list, "l", 0, 9), 0);
-  EXPECT_EQ(property_get_dbl(list, "d", 0, 0.0), 2.5);
-  EXPECT_STREQ(property_get_str(list, "s", 0, nullptr), "text");
-  EXPECT_EQ(property_get_lng(list, "any", 0, 0), 5);  // ANY answers every typed getter
-
-  EXPECT_EQ(property_get_bool(list, "zz", 0, 1), 1);
-  EXPECT_EQ(property_get_lng(list, "zz", 0, 42), 42);
-  EXPECT_EQ(property_get_dbl(list, "zz", 0, 4.5), 4.5);
-  EXPECT_STREQ(property_get_str(list, "zz", 0, "dflt"), "dflt");
-}
-
-TEST(Property, ListCopyReplacesFollowersAndHangsTail) {
-  Context mem = make_context();
-  Property* c = property_create(mem.get(), nullptr, "c", 1, PROP_TPE_LNG);
-  c->val[0].lng = 3;
-  Property* b = property_create(mem.get(), c, "b", 4, PROP_TPE_STR);
-  b->val[0].str = "bee";
-  Property* head = property_create(mem.get(), b, "head", 1, PROP_TPE_LNG);
-  Property* tail = property_create(mem.get(), nullptr, "tail", 1, PROP_TPE_LNG);
-
-  EXPECT_EQ(property_list_copy(mem.get(), head, tail), head);
-  Property* b2 = head->next;
-  ASSERT_NE(b2, nullptr);
-  EXPECT_NE(b2, b);
-  EXPECT_STREQ(b2->name, "b");
-  EXPECT_EQ(b2->cnt, 1u);
-  EXPECT_EQ(b2->tpe, PROP_TPE_STR);
-  EXPECT_STREQ(b2->val[0].str, "bee");
-  Property* c2 = b2->next;
-  ASSERT_NE(c2, nullptr);
-  EXPECT_NE(c2, c);
-  EXPECT_EQ(c2->val[0].lng, 3);
-  EXPECT_EQ(c2->next, tail);
-  EXPECT_EQ(b->next, c);  // the originals keep their chain
-  EXPECT_EQ(c->next, nullptr);
-}
-
-using PropertyDeathTest = testing::Test;
-
 TEST_F(PropertyDeathTest, TypeAndPositionMismatchesAbortWithTheirConditionText) {
-  Context mem = make_context();
-  Property* list = property_create(mem.get(), nullptr, "n", 2, PROP_TPE_LNG);
-  EXPECT_DEATH(property_get_str(list, "n", 0, nullptr),
-               "assertion \"prop->tpe == PROP_TPE_ANY \\|\\| prop->tpe == PROP_TPE_STR\" failed");
+  Property* list = property_create(mem_, nullptr, "n", 2, PROP_TPE_LNG);
   EXPECT_DEATH(property_set_dbl(list, 0, 1.0),
                "assertion \"p->tpe == PROP_TPE_ANY \\|\\| p->tpe == PROP_TPE_DBL\" failed");
   EXPECT_DEATH(property_set_lng(list, 2, 1), "assertion \"pos < p->cnt\" failed");

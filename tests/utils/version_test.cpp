@@ -8,13 +8,6 @@ TEST(Version, TextIsTheBuildLineWithoutTheRevision) {
   EXPECT_STREQ(version_str(),
                "kest-vs9-OPTXPROF-64(branches/zn2.50) built on Oct 19 2012 01:09:04 with "
                "Microsoft Compiler version 1500");
-  EXPECT_EQ(version_str(), version_str());  // computed once, same buffer
-}
-
-TEST(Version, PrintsProgramNameThenVersionLine) {
-  testing::internal::CaptureStdout();
-  version("kc");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("kc\n") + version_str() + "\n");
 }
 
 TEST(AssertDeathTest, ReportsConditionTextAndVersionThenAborts) {
