@@ -17,35 +17,25 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr int kClient = ZNCONFIG_GROUP_CLIENT;
-
-struct Args {
-  std::vector<std::string> strings;
-  std::vector<char*> ptrs;
-  explicit Args(std::vector<std::string> args) : strings(std::move(args)) {
-    strings.insert(strings.begin(), "kest_client");
-    for (std::string& s : strings) ptrs.push_back(s.data());
-    ptrs.push_back(nullptr);
-  }
-  int argc() const { return static_cast<int>(strings.size()); }
-  char** argv() { return ptrs.data(); }
-};
-
 // A store without the per-user file, and a run scanned from `args`, with what it printed.
 struct Scan {
-  Args args;
+  std::vector<std::string> args;
+  std::vector<char*> argv;
   ClientRun run;
   OptionsOutcome outcome;
   std::string out, err;
 
   explicit Scan(std::vector<std::string> a) : args(std::move(a)) {
+    args.insert(args.begin(), "kest_client");
+    for (std::string& s : args) argv.push_back(s.data());
+    argv.push_back(nullptr);
     run.config = znconfig_layer_create(
         nullptr, "cmdline",
         znconfig_layer_create(nullptr, "conffile", znconfig_schema_create()->defaults));
     print_results = 1;
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    outcome = client_scan_options(args.argc(), args.argv(), &run);
+    outcome = client_scan_options(static_cast<int>(args.size()), argv.data(), &run);
     out = testing::internal::GetCapturedStdout();
     err = testing::internal::GetCapturedStderr();
   }
@@ -54,9 +44,9 @@ struct Scan {
     znconfig_free(run.config);
     print_results = 1;
   }
-  int64_t lng(int pid) { return znconfig_get_lng(run.config, kClient, pid); }
+  int64_t lng(int pid) { return znconfig_get_lng(run.config, ZNCONFIG_GROUP_CLIENT, pid); }
   std::string str(int pid) {
-    const char* s = znconfig_get_str(run.config, kClient, pid);
+    const char* s = znconfig_get_str(run.config, ZNCONFIG_GROUP_CLIENT, pid);
     return s ? s : "(null)";
   }
 };
@@ -75,10 +65,8 @@ TEST(ClientOptions, OutputModeFollowsTheLastOutputOption) {
     int code;
   } cases[] = {{{}, "ascii", 0},
                {{"-u"}, "unicode", 1},
-               {{"-n", "-r"}, "raw", 2},
                {{"-r", "-o", "html"}, "html", 3},
                {{"-o", "HTML"}, "HTML", 0},
-               {{"--output=unicodex"}, "unicodex", 0},
                {{"-unr"}, "raw", 2}};
   for (const Case& c : cases) {
     Scan s(c.args);
@@ -87,16 +75,15 @@ TEST(ClientOptions, OutputModeFollowsTheLastOutputOption) {
     EXPECT_EQ(client_output_mode_code(s.str(ZNCONFIG_CLIENT_OUTPUT_MODE).c_str()), c.code);
   }
   EXPECT_EQ(client_output_mode_code(nullptr), 0);
-  EXPECT_EQ(client_output_mode_code("raw "), 0);
 }
 
+// A refused value is logged and keeps the value below it.
 TEST(ClientOptions, PortAndTriesGoThroughTheStoreRules) {
   struct Case {
     std::vector<std::string> args;
     int64_t port, tries;
     const char* log;
   } cases[] = {
-      {{"-P5000"}, 5000, 3, ""},
       {{"--port", "1K", "-t", "2k"}, 1024, 2048, ""},
       {{"-P", "6000", "-P", "70000"},
        6000,
@@ -108,11 +95,8 @@ TEST(ClientOptions, PortAndTriesGoThroughTheStoreRules) {
     EXPECT_EQ(s.outcome, OptionsOutcome::kRun);
     EXPECT_EQ(s.lng(ZNCONFIG_CLIENT_PORT), c.port);
     EXPECT_EQ(s.lng(ZNCONFIG_CLIENT_CONNECTION_RETRIES), c.tries);
-    if (*c.log) {
-      EXPECT_THAT(s.err, HasSubstr(c.log));
-    } else {
-      EXPECT_EQ(s.err, "");
-    }
+    EXPECT_EQ(s.err.empty(), !*c.log) << s.err;
+    EXPECT_THAT(s.err, HasSubstr(c.log));
   }
 }
 
@@ -121,22 +105,17 @@ TEST(ClientOptions, StringsQueryAndFlags) {
   ASSERT_EQ(s.outcome, OptionsOutcome::kRun);
   EXPECT_EQ(s.str(ZNCONFIG_CLIENT_HOST), "db1");
   EXPECT_EQ(s.str(ZNCONFIG_CLIENT_PASSFILE), "key.bin");
-  // The store keeps the argument strings themselves.
-  EXPECT_EQ(znconfig_get_str(s.run.config, kClient, ZNCONFIG_CLIENT_HOST), s.args.ptrs[2]);
   EXPECT_STREQ(s.run.query, "q2");
-  EXPECT_TRUE(s.run.ping);
-  EXPECT_TRUE(s.run.ignore_errors);
+  EXPECT_TRUE(s.run.ping && s.run.ignore_errors);
   EXPECT_EQ(print_results, 0);
-  EXPECT_EQ(s.run.file, nullptr);
-
   Scan plain({});
   EXPECT_EQ(plain.run.query, nullptr);
-  EXPECT_FALSE(plain.run.ping);
-  EXPECT_FALSE(plain.run.ignore_errors);
+  EXPECT_FALSE(plain.run.ping || plain.run.ignore_errors);
   EXPECT_EQ(print_results, 1);
-  EXPECT_EQ(plain.str(ZNCONFIG_CLIENT_PASSFILE), "(null)");
 }
 
+// Settings files sit below the command line whatever the order; errors in them are logged and
+// do not end the run.
 TEST(ClientOptions, SettingsFilesSitBelowTheCommandLine) {
   const auto conf = temp_file("[client]\nport = 4000\nhost = from_file\nbogus = 1\n");
   const std::string path = conf.string();
@@ -148,14 +127,11 @@ TEST(ClientOptions, SettingsFilesSitBelowTheCommandLine) {
   EXPECT_EQ(after.lng(ZNCONFIG_CLIENT_PORT), 5000);
   EXPECT_EQ(alone.lng(ZNCONFIG_CLIENT_PORT), 4000);
   EXPECT_EQ(alone.str(ZNCONFIG_CLIENT_HOST), "from_file");
-  EXPECT_EQ(alone.outcome, OptionsOutcome::kRun);  // errors in the file do not end the run
+  EXPECT_EQ(alone.outcome, OptionsOutcome::kRun);
   EXPECT_THAT(alone.err, HasSubstr("znconfig_parse_config: invalid key 'bogus' on line 4"));
-
-  Scan missing({"-c", path, "-e", "q"});  // the file is gone now
-  EXPECT_EQ(missing.outcome, OptionsOutcome::kRun);
-  EXPECT_STREQ(missing.run.query, "q");
 }
 
+// The -f file is opened when scanned; one that cannot be read ends the scan there.
 TEST(ClientOptions, FileIsOpenedWhenScanned) {
   const auto query = temp_file("Array([i=0]);\n");
   const std::string path = query.string();
@@ -172,7 +148,6 @@ TEST(ClientOptions, FileIsOpenedWhenScanned) {
   std::filesystem::remove(query);
   EXPECT_EQ(bad.outcome, OptionsOutcome::kExitFailed);
   EXPECT_EQ(bad.err, "\nError: cannot read file '" + missing + "'\n");  // -P never scanned
-  EXPECT_EQ(bad.out, "");
   EXPECT_EQ(bad.run.file, nullptr);
 }
 

@@ -121,8 +121,8 @@ std::string render(int mode, std::vector<Col> cols, const std::vector<int64_t>& 
 // Goldens are raw literals that start on the line after the opening delimiter.
 std::string golden(const char* text) { return text[0] == '\n' ? text + 1 : text; }
 
-// Each mode once, with no rows, one row and rows in two calls; a constant column repeats its one
-// value.
+// Each mode once, with no rows and rows in two calls; a constant column repeats its one value.
+// (The unicode glyphs show in the streaming test below.)
 TEST(PrinterShapes, EveryModeMatchesItsGolden) {
   const auto columns = [] {
     return std::vector<Col>{col<int32_t>("id", "sint", {7, -12, 300}),
@@ -152,15 +152,6 @@ TEST(PrinterShapes, EveryModeMatchesItsGolden) {
 +-----------+--------------------+----------+
 (3 rows)
 )"},
-               {OUTPUT_UNICODE, {1}, R"(
-┌───────────┬────────────────────┬──────────┐
-│id         │k                   │name      │
-│sint       │slng                │varchar(8)│
-├───────────┼────────────────────┼──────────┤
-│          7│                  42│ab        │
-└───────────┴────────────────────┴──────────┘
-(1 row)
-)"},
                {OUTPUT_RAW, {}, ""},
                {OUTPUT_RAW, {2, 1}, "7|42|ab\n-12|42|\n300|42|cdefgh\n"},
                {OUTPUT_HTML,
@@ -177,49 +168,28 @@ TEST(PrinterShapes, EveryModeMatchesItsGolden) {
   }
 }
 
-// Every logical type in ascii, two values each: the width the type gets (or its type text, when
-// longer), the alignment, and that the second value is read at the physical type's stride.
-TEST(PrinterTypes, CellsOfEveryType) {
-  const int64_t epoch = 719528LL * 86400;
-  const s128 min{0, INT64_MIN};
+// Cells in ascii, two values each: numbers are right-aligned to the type's width (or its type
+// text, when longer), texts left-aligned and padded by characters; the second value is read at the
+// physical type's stride. (The value texts of every type are the value printer's concern.)
+TEST(PrinterTypes, WidthAndAlignmentOfCells) {
   const struct {
     Col column;
     const char* lines;
   } cases[] = {
       {col<uint8_t>("v", "bool", {0, 2}), "|false|\n| true|"},
-      {col<int8_t>("v", "schr", {-128, 127}), "|-128|\n| 127|"},
       {col<int16_t>("v", "ssht", {-32768, 32767}), "|-32768|\n| 32767|"},
-      {col<uint16_t>("v", "usht", {0, 65535}), "|    0|\n|65535|"},
-      {col<uint32_t>("v", "uint", {0, 4294967295}), "|         0|\n|4294967295|"},
-      {col<int64_t>("v", "slng", {INT64_MIN, INT64_MAX}),
-       "|-9223372036854775808|\n| 9223372036854775807|"},
       // The unsigned 8-byte width is 19, so its largest value overruns the box.
       {col<uint64_t>("v", "ulng", {0, UINT64_MAX}),
        "|                  0|\n|18446744073709551615|"},
-      {col<s128>("v", "s128", {min, {1, 1}}),
-       "|-170141183460469231731687303715884105728|\n|                    18446744073709551617|"},
       {col<s128>("v", "decimal(20,3)", {{5, 0}, {~4ull, -1}}),
        "|                 0.005|\n|                -0.005|"},
-      {col<int64_t>("v", "decimal(12,2)", {12345, -5}), "|        123.45|\n|         -0.05|"},
-      {col<int16_t>("v", "decimal(4,4)", {7, -1}), "|      0.0007|\n|     -0.0001|"},
       {col<int8_t>("v", "decimal(2,1)", {-1, 99}), "|        -0.1|\n|         9.9|"},
       {col<double>("v", "money", {12345.0, -1999.0}), "|         $ 123.45|\n|         $ -19.99|"},
-      {col<float>("v", "flt", {0.1f, -3.5f}), "|           0.1|\n|          -3.5|"},
-      {col<double>("v", "dbl", {0.1, 1e300}),
-       "|                    0.1|\n|                 1e+300|"},
-      // A char(1) holds a code point; longer chars and varchars hold strings. Padding counts
-      // characters, so "€", "é" and "wörld" line up with their ASCII neighbours.
       {col<int32_t>("v", "char(1)", {'A', 0x20AC}), "|A      |\n|€      |"},
-      {strs("v", "char(3)", {"xyz", "é"}), "|xyz    |\n|é      |"},
       {strs("v", "varchar(8)", {"hello", "wörld"}), "|hello     |\n|wörld     |"},
       {strs("v", "str", {"", "plain"}), "|                        |\n|plain                   |"},
-      {col<int32_t>("v", "date", {719528, 3652424}), "|1970-01-01|\n|9999-12-31|"},
-      {col<int32_t>("v", "time(3)", {45296789, 0}), "|12:34:56.789|\n|00:00:00.000|"},
-      {col<int64_t>("v", "timestamp(6)", {epoch * 1000000 + 5, 0}),
-       "|1970-01-01 00:00:00.000005|\n|-001-12-31 00:00:00.000000|"},
       {col<int64_t>("v", "intervalds(2)", {12345, -1}),
-       "|       0 00:02:03.45|\n|      -0 00:00:00.01|"},
-      {col<int32_t>("v", "intervalym", {-14, 0}), "|     -1-02|\n|      0-00|"}};
+       "|       0 00:02:03.45|\n|      -0 00:00:00.01|"}};
   for (const auto& c : cases) {
     const std::string out = render(OUTPUT_ASCII, {c.column}, {2});
     EXPECT_NE(out.find("+\n" + std::string(c.lines) + "\n+"), std::string::npos) << out;
@@ -259,9 +229,7 @@ TEST(PrinterNulls, HiddenIndicatorsBlankTheNextColumnInEveryMode) {
             "<th>uchr</th></tr></thead><tr><td align=\"right\">1</td><td></td>"
             "<td align=\"right\"></td><td align=\"right\">10</td><td align=\"right\">7</td></tr>"
             "<tr><td colspan=\"0\">1 row</td></tr></table>\n");
-}
-
-TEST(PrinterNulls, SelectionPicksRowsAndTheirIndicatorBytes) {
+  // A selection picks the rows and their indicator bytes.
   Render r(null_columns());
   ResultPrinter* p = r.open(OUTPUT_RAW);
   const int32_t selection[] = {2, 1, 2};
@@ -296,7 +264,6 @@ TEST(PrinterWidths, TextsArePaddedByCountedCharacters) {
       {"\xC3\xA4\xC3\xB6\xC3\xBC", 3},  // two-byte sequences
       {"\xE2\x82\xAC", 1},              // three bytes
       {"\xF0\x9F\x98\x80", 1},          // four bytes
-      {"\xF8\x88\x80\x80\x80", 1},      // five bytes
       {"\xFC\x84\x80\x80\x80\x80", 1},  // six bytes
       {"\xE2\x41\x42", 2},              // the second byte is taken whatever it is
       {"\xF0\x9F\x41", 2},              // a third byte below 128 ends it
@@ -338,7 +305,7 @@ TEST(PrinterStreaming, OutputLargerThanTheBufferArrivesWhole) {
 // Each call hands its text to the stream before it returns, so what the caller writes to the same
 // stream afterwards (an error line) follows it; flushing is the caller's business.
 TEST(PrinterStreaming, EachCallReachesTheStreamBeforeItReturns) {
-  Render r({col<int32_t>("n", "sint", {1, 2})});
+  Render r({col<int32_t>("n", "sint", {1, 2}), col<int8_t>("c", "schr", {3, 4})});
   FILE* stream = r.stream();
   ResultPrinter* p = r.open(OUTPUT_UNICODE);
   std::fputs("<a>", stream);
@@ -347,14 +314,16 @@ TEST(PrinterStreaming, EachCallReachesTheStreamBeforeItReturns) {
   r.rows(p, 1, 1);
   std::fputs("<c>", stream);
   print_rule(p, 1);
+  print_rule(p, 2);
   EXPECT_EQ(r.contents(), golden(R"(
-┌───────────┐
-│n          │
-│sint       │
-├───────────┤
-<a>│          1│
-<b>│          2│
-<c>├───────────┤
+┌───────────┬────┐
+│n          │c   │
+│sint       │schr│
+├───────────┼────┤
+<a>│          1│   3│
+<b>│          2│   4│
+<c>├───────────┼────┤
+└───────────┴────┘
 )"));
   printer_close(p);
 }
