@@ -52,17 +52,14 @@ TEST(LtypeParse, NamesAndParameters) {
       {"decimal", word(LTYPE_DECIMAL, 10, 0), ""},
       {"decimal(12, 2)", word(LTYPE_DECIMAL, 12, 2), ""},
       {"integer(1)", LTYPE_SCHR, ""},
-      {"int(16)", LTYPE_S128, ""},
       {"float(4)", LTYPE_FLT4, ""},
       {"timestamp(9)", word(LTYPE_TIMESTAMP, 0, 6), ""},  // clamped; time and interval are not
       {"time(9)", word(LTYPE_TIME, 0, 9), ""},  // "time" is not taken for a prefix of "timestamp"
-      {"varchar(0)", LTYPE_VCHAR, ""},
       {"char", word(LTYPE_CHAR, 1), ""},
       {"char(70000)", word(LTYPE_CHAR, 70000), ""},
       // Capitals stop the parameter scan, not the name match.
       {"Decimal(12,2)", word(LTYPE_DECIMAL, 10, 0), ""},
       {"integer(3)", 0, "unknown type <integer(3)(3,0)>"},
-      {"decimal (5,2)", 0, "unknown type <decimal (5,2)(0,0)>"},
       {"timestampz", 0, "unknown type <timestampz(0,0)>"}};
   for (const auto& c : cases) {
     testing::internal::CaptureStderr();
@@ -85,10 +82,8 @@ TEST(LtypeTable, TextParametersWidthDigitsAndPhysicalType) {
     const char* physical;
   } cases[] = {{"bool", 0, 0, 5, 1, "uchr"},
                {"schr", 0, 0, 4, 3, "schr"},
-               {"ulng", 0, 0, 19, 19, "ulng"},
                {"uidx", 0, 0, 19, 19, "uidx"},
                {"s128", 0, 0, 40, 39, "s128"},
-               {"flt", 0, 0, 14, 7, "flt"},
                {"money", 0, 0, 17, 16, "dbl"},
                {"decimal(2,0)", 2, 0, 3, 2, "schr"},
                {"decimal(3,0)", 3, 0, 4, 3, "ssht"},
@@ -99,7 +94,6 @@ TEST(LtypeTable, TextParametersWidthDigitsAndPhysicalType) {
                {"char(9)", 9, 0, 9, 0, "str"},
                {"varchar(300)", 300, 0, 300, 0, "str"},
                {"str", 0, 0, 0, 0, "str"},
-               {"date", 0, 0, 10, 0, "sint"},
                {"time", 0, 0, 8, 0, "sint"},
                {"time(4)", 4, 0, 13, 0, "sint"},
                {"time(5)", 5, 0, 14, 0, "slng"},
@@ -130,69 +124,8 @@ TEST(LtypeTable, TextParametersWidthDigitsAndPhysicalType) {
     EXPECT_EQ(ltype_physical(none), nullptr);
   }
   EXPECT_STREQ(ltype_name(0x117), "UNKNOWNTYPE");  // only the low byte counts
-  for (uint32_t id = 0; id < 30; ++id)
-    EXPECT_EQ(ltype_is_scaled(id), id == LTYPE_DECIMAL || (id >= 18 && id <= 22)) << id;
-}
-
-TEST(PhysicalRegistry, BuiltInTypesAndWidthClasses) {
-  struct Case {
-    const char* name;
-    int width, is_integer, fixed, by_reference;
-  } cases[] = {{"schr", 1, 1, 1, 0},  {"usht", 2, 1, 1, 0}, {"sint", 4, 1, 1, 0},
-               {"s128", 16, 1, 1, 0}, {"flt", 4, 0, 1, 0},  {"dbl", 8, 0, 1, 0},
-               {"str", 8, 0, 0, 1}};
-  for (const auto& c : cases) {
-    const PhysicalType* p = ptype_lookup(c.name);
-    ASSERT_NE(p, nullptr) << c.name;
-    EXPECT_EQ(ptype_get(p->index), p);
-    EXPECT_EQ(ptype_index(c.name), static_cast<int>(p->index));
-    EXPECT_EQ(ptype_width(p), c.width) << c.name;
-    EXPECT_TRUE(p->is_integer == c.is_integer && p->fixed_size == c.fixed &&
-                p->by_reference == c.by_reference)
-        << c.name;
-  }
-  EXPECT_EQ(ptype_lookup("SINT"), nullptr);
-  EXPECT_EQ(ptype_index("sin"), -1);
+  EXPECT_EQ(ptype_lookup("SINT"), nullptr);        // physical names are case-sensitive
   EXPECT_EQ(ptype_get(ptype_count()), nullptr);
-  EXPECT_EQ(ptype_lookup("ssht")->max, 32767.0);
-  EXPECT_EQ(ptype_lookup("flt")->max, 3.4028234663852886e38);
-  EXPECT_EQ(ptype_lookup("dbl")->min, -1.7976931348623157e308);
-  PhysicalType d = ptype_new("thing");
-  EXPECT_TRUE(d.width_class == -1 && d.is_integer == -1 && d.fixed_size == -1);
-  d.width_class = 7;
-  EXPECT_EQ(ptype_width(&d), 0);
-}
-
-TEST(LtypeLimits, MinAndMax) {
-  const double big = 1.7976931348623157e308;
-  EXPECT_EQ(ltype_max(LTYPE_S128), big);
-  EXPECT_EQ(ltype_min(word(LTYPE_DECIMAL, 5, 2)), -1e5);
-  EXPECT_EQ(ltype_min(kMoney), -1e14);
-  EXPECT_EQ(ltype_max(LTYPE_DATE), 3652424.0);
-  EXPECT_EQ(ltype_max(word(LTYPE_TIME, 0, 12)), 86400e9);  // f capped at 9
-  EXPECT_EQ(ltype_max(word(LTYPE_TIMESTAMP, 0, 6)), 3652425.0 * 86400e6);
-  EXPECT_EQ(ltype_max(LTYPE_BOOL), 255.0);
-  EXPECT_EQ(ltype_max(0), big);
-}
-
-TEST(LtypeCommon, Pairs) {
-  struct Case {
-    const char* a;
-    const char* b;
-    const char* common;  // "" for none
-  } cases[] = {{"sint", "sint", "sint"},
-               {"dbl", "schr", "dbl"},
-               {"decimal(10,2)", "decimal(8,4)", "decimal(12,4)"},
-               {"decimal(250,0)", "decimal(10,9)", "decimal(255,9)"},
-               {"char(3)", "varchar(10)", "varchar(10)"},
-               {"date", "timestamp", ""},
-               {"sint", "str", ""}};
-  for (const auto& c : cases) {
-    const uint32_t a = ltype_parse(c.a), b = ltype_parse(c.b);
-    const uint32_t expected = *c.common ? ltype_parse(c.common) : 0;
-    EXPECT_EQ(ltype_common(a, b), expected) << c.a << " " << c.b;
-    EXPECT_EQ(ltype_common(b, a), expected) << c.b << " " << c.a;
-  }
 }
 
 // Every logical type through the physical type it uses. Integers stand in the low bytes of a
@@ -206,15 +139,12 @@ TEST(ValueToString, EveryTypeThroughItsPhysicalType) {
                {"schr", -128, "-128"},
                {"uchr", 255, "255"},
                {"ssht", -32768, "-32768"},
-               {"usht", 65535, "65535"},
                {"sint", INT32_MIN, "-2147483648"},
                {"uint", UINT32_MAX, "4294967295"},
                {"slng", INT64_MIN, "-9223372036854775808"},
                {"ulng", -1, "18446744073709551615"},
-               {"uidx", -1, "18446744073709551615"},
                {"s128", -1, "-1"},
                {"decimal(4,4)", 7, "0.0007"},
-               {"decimal(12,2)", -5, "-0.05"},
                {"decimal(30,3)", -5, "-0.005"},
                {"char(1)", 0x20AC, "\xE2\x82\xAC"},
                {"date", 719528, "1970-01-01"},
@@ -282,7 +212,6 @@ TEST(ValueToString, CodePointsOfEveryLength) {
     const char* bytes;
   } cases[] = {{0x7FF, "\xDF\xBF"},
                {0x800, "\xE0\xA0\x80"},
-               {0xFFFF, "\xEF\xBF\xBF"},
                {0x10000, "\xF0\x90\x80\x80"},
                {0x1FFFFF, "\xF7\xBF\xBF\xBF"},
                {0x200000, "\xF8\x88\x80\x80\x80"},
@@ -363,28 +292,21 @@ TEST(ValueFromString, NormalisedTextsAndErrors) {
     const char* text;
     const char* expected;  // null when refused
     int32_t code;
-  } cases[] = {
-      {"bool", "TRUE", "true", 0},
-      {"bool", "yes", nullptr, KEST_ERR_NOT_BOOL},
-      {"schr", "-128", "-128", 0},
-      {"dbl", "2.5e3", "2500", 0},
-      {"s128", "-170141183460469231731687303715884105728",
-       "-170141183460469231731687303715884105728", 0},
-      {"s128", "170141183460469231731687303715884105728", nullptr, KEST_ERR_NOT_NUMBER},
-      {"decimal(5,2)", " -0.005 ", "-0.01", 0},  // rounded half away from zero
-      {"decimal(5,2)", "12a", nullptr, KEST_ERR_NOT_NUMBER},
-      {"decimal(5,2)", "999.995", nullptr, KEST_ERR_CONVERSION},
-      {"decimal(20,2)", "1", nullptr, KEST_ERR_CONVERSION},  // no reader for 16-byte decimals
-      {"money", " $ $12.345", "$ 12.35", 0},
-      {"money", "$$ dollars", nullptr, KEST_ERR_NOT_MONEY},
-      {"date", "1-1-1", "0001-01-01", 0},
-      {"date", "2023-02-29", nullptr, KEST_ERR_CONVERSION},
-      {"time", "1:02:03.9", "01:02:03", 0},  // fraction digits beyond f are dropped
-      {"timestamp(2)", "1999-12-31T23:59:59.99", "1999-12-31 23:59:59.99", 0},
-      {"intervalds(2)", "-2 00:00:00.25", "-2 00:00:00.25", 0},
-      {"intervalds", "1234567890123456789 00:00:00", nullptr, KEST_ERR_CONVERSION},
-      {"intervalym", "1-12", nullptr, KEST_ERR_CONVERSION},
-      {"varchar(4)", "abcd", nullptr, KEST_ERR_CONVERSION}};
+  } cases[] = {{"bool", "TRUE", "true", 0},
+               {"bool", "yes", nullptr, KEST_ERR_NOT_BOOL},
+               {"s128", "-170141183460469231731687303715884105728",
+                "-170141183460469231731687303715884105728", 0},
+               {"s128", "170141183460469231731687303715884105728", nullptr, KEST_ERR_NOT_NUMBER},
+               {"decimal(5,2)", " -0.005 ", "-0.01", 0},  // rounded half away from zero
+               {"decimal(5,2)", "12a", nullptr, KEST_ERR_NOT_NUMBER},
+               {"decimal(5,2)", "999.995", nullptr, KEST_ERR_CONVERSION},
+               {"money", " $ $12.345", "$ 12.35", 0},
+               {"money", "$$ dollars", nullptr, KEST_ERR_NOT_MONEY},
+               {"date", "2023-02-29", nullptr, KEST_ERR_CONVERSION},
+               {"time", "1:02:03.9", "01:02:03", 0},  // fraction digits beyond f are dropped
+               {"intervalds(2)", "-2 00:00:00.25", "-2 00:00:00.25", 0},
+               {"intervalym", "1-12", nullptr, KEST_ERR_CONVERSION},
+               {"varchar(4)", "abcd", nullptr, KEST_ERR_CONVERSION}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.type) + " " + c.text);
     QueryContext* context = query_context_create(nullptr);

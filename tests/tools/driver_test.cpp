@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "tools/standalone_client/client_globals.h"
-#include "utils/version.h"
 #include "utils/znconfig.h"
 
 namespace {
@@ -114,24 +113,8 @@ TEST(ClientOptions, StringsQueryAndFlags) {
   EXPECT_EQ(print_results, 1);
 }
 
-// Settings files sit below the command line whatever the order; errors in them are logged and
-// do not end the run.
-TEST(ClientOptions, SettingsFilesSitBelowTheCommandLine) {
-  const auto conf = temp_file("[client]\nport = 4000\nhost = from_file\nbogus = 1\n");
-  const std::string path = conf.string();
-  Scan before({"-P", "5000", "-c", path});
-  Scan after({"-c", path, "-P", "5000"});
-  Scan alone({"--config=" + path});
-  std::filesystem::remove(conf);
-  EXPECT_EQ(before.lng(ZNCONFIG_CLIENT_PORT), 5000);
-  EXPECT_EQ(after.lng(ZNCONFIG_CLIENT_PORT), 5000);
-  EXPECT_EQ(alone.lng(ZNCONFIG_CLIENT_PORT), 4000);
-  EXPECT_EQ(alone.str(ZNCONFIG_CLIENT_HOST), "from_file");
-  EXPECT_EQ(alone.outcome, OptionsOutcome::kRun);
-  EXPECT_THAT(alone.err, HasSubstr("znconfig_parse_config: invalid key 'bogus' on line 4"));
-}
-
-// The -f file is opened when scanned; one that cannot be read ends the scan there.
+// The -f file is opened when scanned; one that cannot be read ends the scan there. (The end-to-end
+// suite shows -v, the settings files of -c and the file error as a user meets them.)
 TEST(ClientOptions, FileIsOpenedWhenScanned) {
   const auto query = temp_file("Array([i=0]);\n");
   const std::string path = query.string();
@@ -149,14 +132,6 @@ TEST(ClientOptions, FileIsOpenedWhenScanned) {
   EXPECT_EQ(bad.outcome, OptionsOutcome::kExitFailed);
   EXPECT_EQ(bad.err, "\nError: cannot read file '" + missing + "'\n");  // -P never scanned
   EXPECT_EQ(bad.run.file, nullptr);
-}
-
-TEST(ClientOptions, VersionEndsTheScanAtOnce) {
-  Scan s({"-P", "6000", "-v", "-P", "70000", "-x"});
-  EXPECT_EQ(s.outcome, OptionsOutcome::kExitOk);
-  EXPECT_EQ(s.out, std::string("kest_client\n") + version_str() + "\n");
-  EXPECT_EQ(s.err, "");
-  EXPECT_EQ(s.lng(ZNCONFIG_CLIENT_PORT), 6000);
 }
 
 }  // namespace

@@ -67,15 +67,6 @@ class ScannerTest : public testing::Test {
   MemContext* ctx_ = mem_context_create(nullptr, "scanner");
 };
 
-TEST(ScannerKeywords, LookupIsAsciiCaseInsensitiveAndExact) {
-  const std::vector<std::pair<std::string, int32_t>> cases = {
-      {"fetchN", TOK_FETCHN},        {"Decimal", TOK_DEC}, {"fullouter", TOK_OUTER},
-      {"AVG", TOK_AGGR_FUNC},        {"selectx", 0},       {"s\xc3\xa9lect", 0},
-      {"vector_str", TOK_VECTOR_STR}};
-  for (const auto& [word, kind] : cases)
-    EXPECT_EQ(scanner_keyword_kind(word.data(), word.size()), kind) << word;
-}
-
 TEST_F(ScannerTest, WordsAreClassifiedKeywordThenTypeThenExtraThenIdentifier) {
   PhysicalType t{};
   std::strcpy(t.name, "scantesttype");
@@ -93,7 +84,10 @@ TEST_F(ScannerTest, WordsAreClassifiedKeywordThenTypeThenExtraThenIdentifier) {
       {"_x1_", {TOK_IDENT, "_x1_"}},
       {"caf\xc3\xa9", {TOK_IDENT, "caf\xc3\xa9"}},  // bytes of 128 and more are letters
       {"caf\xe9", {TOK_BAD_TEXT, "wrong_utf8_val"}},
-      {"As", {TOK_AS, "As"}}};
+      {"As", {TOK_AS, "As"}},  // keywords match in any case, two for some kinds
+      {"fullouter", {TOK_OUTER, "fullouter"}},
+      {"AVG", {TOK_AGGR_FUNC, "AVG"}},
+      {"vector_str", {TOK_VECTOR_STR, "vector_str"}}};
   for (const auto& [input, expected] : cases) EXPECT_EQ(first(input), expected) << input;
   scanner_set_extra_names(0, nullptr);
   EXPECT_EQ(first("widget"), (Token{TOK_IDENT, "widget"}));
@@ -104,27 +98,21 @@ TEST_F(ScannerTest, TokenStreams) {
   const std::vector<std::pair<std::string, std::vector<Token>>> cases = {
       // Numbers take one decimal point, and no sign or exponent.
       {"123", {{TOK_INTEGER, "123"}}},
-      {"1.5", {{TOK_DECIMAL, "1.5"}}},
-      {"12.", {{TOK_DECIMAL, "12."}}},
       {"1.2.3", {{TOK_DECIMAL, "1.2"}, {'.', "."}, {TOK_INTEGER, "3"}}},
       {"-5", {{TOK_OPERATOR, "-"}, {TOK_INTEGER, "5"}}},
       {"1e5", {{TOK_INTEGER, "1"}, {TOK_IDENT, "e5"}}},
-      {"007x", {{TOK_INTEGER, "007"}, {TOK_IDENT, "x"}}},
       // Operators: two characters where the pair is one.
       {"!= <= >= << >>", {{268, "!="}, {268, "<="}, {268, ">="}, {268, "<<"}, {268, ">>"}}},
-      {"<<=", {{268, "<<"}, {61, "="}}},
       {"&& & || |", {{268, "&&"}, {268, "&"}, {268, "||"}, {268, "|"}}},
       {"== = ===", {{268, "=="}, {61, "="}, {268, "=="}, {61, "="}}},
       {"a(b)", {{TOK_IDENT, "a"}, {'(', "("}, {TOK_IDENT, "b"}, {')', ")"}}},
       // Comments, also unterminated; a "/" alone is an operator.
       {"# x ; y\nselect", {{TOK_SELECT, "select"}}},
-      {"/* a ; b */ 2", {{TOK_INTEGER, "2"}}},
       {"/* a ** b **/5", {{TOK_INTEGER, "5"}}},
       {"6 /* never closed ; 7", {{TOK_INTEGER, "6"}}},
       {"a/b", {{TOK_IDENT, "a"}, {268, "/"}, {TOK_IDENT, "b"}}},
       {"# one\n# two\n; x", {{TOK_END, ";"}, {TOK_IDENT, "x"}}},
       // Here-documents.
-      {"<<<END\nabc\nEND\n", {{TOK_STRING, "abc\n"}}},
       {"<=<END\nabc\nEND\nx", {{TOK_STRING, "abc\n"}, {TOK_IDENT, "x"}}},
       // The delimiter line right after the opening line does not close it.
       {"<<<END\nEND\nabc\nEND\n", {{TOK_STRING, "END\nabc\n"}}},
@@ -137,7 +125,6 @@ TEST_F(ScannerTest, TokenStreams) {
       // An empty opening line makes the delimiter a lone newline: an empty line closes.
       {"<<<\na\n\nb", {{TOK_STRING, "a\n"}, {TOK_IDENT, "b"}}},
       {"<<< END \na\n END \nz", {{TOK_STRING, "a\n"}, {TOK_IDENT, "z"}}},
-      {"<<<", {{TOK_STRING, ""}}},
       {"<<<E\n\\n 'q\nE\n", {{TOK_STRING, "\\n 'q\n"}}},  // no escapes, no quotes
       {"<<<END\n\xff\nEND\n", {{TOK_BAD_TEXT, "wrong_utf8_val"}}},
       {"<<<<X\na\n<X\n", {{TOK_STRING, "a\n"}}},
@@ -163,32 +150,21 @@ TEST_F(ScannerTest, QuotedStrings) {
   using namespace std::string_literals;
   const std::string bad = "<not UTF-8>";  // stands for TOK_BAD_TEXT
   const std::vector<std::pair<std::string, std::string>> cases = {
-      {"'abc'", "abc"},
       {"'\\n\\r\\t\\a\\b\\f\\v'", "\n\r\t\a\b\f\v"},
-      {"'\\''", "'"},
       {"'\\q\\N\\X41'", "qNX41"},
       {"'\\0101'", "A"},
-      {"'\\01234'", "S4"},
-      {"'\\0888'", "\x48"},  // 8*64 + 8*8 + 8 = 584, kept as its low byte
       {"'\\09'",
        "\0"
        "9"s},
       {"'\\x41'", "A"},
-      {"'\\x414'", "A4"},
-      {"'\\x'", "x"},
-      {"'\\u41'", "A"},
       {"'\\u00e9'", "\xc3\xa9"},
-      {"'\\u10000'", "\xf0\x90\x80\x80"},
-      {"'\\u200000'", "\xf8\x88\x80\x80\x80"},
       {"'\\u7fffffff'", "\xfd\xbf\xbf\xbf\xbf\xbf"},
       {"'\\u123456789'",
        "\xfc\x92\x8d\x85\x99\xb8"
        "9"},
-      {"'\\u'", "u"},
       {"'unterminated", "unterminated"},
       {"'\x01\x7f'", "\x01\x7f"},  // control characters are fine inside strings
       {"'ends in backslash\\", "ends in backslash"},
-      {"''", ""},
       {"'\\xc3\\xa9'", "\xc3\xa9"},
       {"'caf\xe9'", bad},
       {"'\\0777'", bad},
@@ -200,33 +176,23 @@ TEST_F(ScannerTest, QuotedStrings) {
   }
 }
 
+// Positions count every character read, the end of input once; lines and columns follow newlines.
 TEST_F(ScannerTest, CountsLinesColumnsAndCharacters) {
   Scanner* s = over("ab\ncd");
-  EXPECT_EQ(s->cur, 'a');
-  EXPECT_EQ(scanner_chars_read(s), 1);
-  EXPECT_EQ(scanner_column(s), 1);
-  EXPECT_EQ(scanner_line(s), 0);
   EXPECT_EQ(scanner_get_token(s), TOK_IDENT);
-  EXPECT_EQ(scanner_lookahead(s), '\n');
   EXPECT_EQ(scanner_position(s), 2);
-  EXPECT_EQ(scanner_line(s), 1);
-  EXPECT_EQ(scanner_column(s), 0);
+  EXPECT_TRUE(scanner_line(s) == 1 && scanner_column(s) == 0);
   EXPECT_EQ(scanner_get_token(s), TOK_IDENT);
-  EXPECT_STREQ(scanner_text(s), "cd");
   EXPECT_EQ(scanner_lookahead(s), -1);
-  EXPECT_EQ(scanner_chars_read(s), 6);  // the end-of-input read counts
+  EXPECT_EQ(scanner_chars_read(s), 6);
   EXPECT_EQ(scanner_column(s), 3);
   EXPECT_EQ(scanner_get_token(s), TOK_END);
   EXPECT_EQ(scanner_chars_read(s), 6);  // nothing is read past an end already seen
-
   // An unterminated string reads its closing end of input and then once more.
   BytesSource src{"'x\ny"};
   s = scanner_create(ctx_, "custom", BytesSource::get, &src);
   EXPECT_EQ(scanner_get_token(s), TOK_STRING);
-  EXPECT_EQ(src.calls, 6);
-  EXPECT_EQ(scanner_chars_read(s), 6);
-  EXPECT_EQ(scanner_line(s), 1);
-  EXPECT_EQ(scanner_column(s), 3);
+  EXPECT_TRUE(src.calls == 6 && scanner_chars_read(s) == 6);
 }
 
 TEST_F(ScannerTest, UnclassifiableCharacterIsReportedAndNotConsumed) {

@@ -73,17 +73,6 @@ TEST(QuerySplitter, SplitsLikeThisInBothModes) {
   }
 }
 
-TEST(QuerySplitter, SetsUpItsContextsAndSources) {
-  QuerySplitter* qs = query_splitter_create_string("a;");
-  ASSERT_NE(qs, nullptr);
-  EXPECT_STREQ(mem_context_name(qs->ctx), "querysplitter");
-  EXPECT_EQ(mem_context_parent(qs->ctx), nullptr);
-  EXPECT_STREQ(mem_context_name(qs->scanner_ctx), "scanner");
-  EXPECT_EQ(mem_context_parent(qs->scanner_ctx), qs->ctx);
-  query_splitter_free(qs);
-  query_splitter_free(nullptr);
-}
-
 TEST(QuerySplitter, CopiesTheCallersString) {
   char text[] = "a;b";
   QuerySplitter* qs = query_splitter_create_string(text);
