@@ -73,50 +73,73 @@ TEST(LtypeParse, NamesAndParameters) {
   }
 }
 
-// Type texts as the header prints them parse back to the same word, with its parameters, its
-// display width and digits, and the physical type its values use.
-TEST(LtypeTable, TextParametersWidthDigitsAndPhysicalType) {
+// Each type: its text as the header prints it (which parses back to the same word), display width,
+// digits, the physical type its values use, and the text of a value stored in it. Integers stand
+// in the low bytes of a value filled with 0x55, so a read of the wrong width shows.
+TEST(LtypeTable, EveryTypeFromTextToValueText) {
   struct Case {
     const char* text;
-    int p1, p2, width, digits;
+    int width, digits;
     const char* physical;
-  } cases[] = {{"bool", 0, 0, 5, 1, "uchr"},
-               {"schr", 0, 0, 4, 3, "schr"},
-               {"uidx", 0, 0, 19, 19, "uidx"},
-               {"s128", 0, 0, 40, 39, "s128"},
-               {"money", 0, 0, 17, 16, "dbl"},
-               {"decimal(2,0)", 2, 0, 3, 2, "schr"},
-               {"decimal(3,0)", 3, 0, 4, 3, "ssht"},
-               {"decimal(5,5)", 5, 5, 8, 5, "sint"},
-               {"decimal(10,2)", 10, 2, 12, 10, "slng"},
-               {"decimal(19,0)", 19, 0, 20, 19, "s128"},
-               {"char(1)", 1, 0, 1, 0, "sint"},
-               {"char(9)", 9, 0, 9, 0, "str"},
-               {"varchar(300)", 300, 0, 300, 0, "str"},
-               {"str", 0, 0, 0, 0, "str"},
-               {"time", 0, 0, 8, 0, "sint"},
-               {"time(4)", 4, 0, 13, 0, "sint"},
-               {"time(5)", 5, 0, 14, 0, "slng"},
-               {"timestamp(6)", 6, 0, 26, 0, "slng"},
-               {"intervalds(1)", 1, 0, 19, 0, "slng"},
-               {"intervalym", 0, 0, 8, 0, "sint"}};
+    int64_t value;
+    const char* value_text;  // null: not stored as an integer
+  } cases[] = {
+      {"bool", 5, 1, "uchr", 2, "true"},
+      {"schr", 4, 3, "schr", -128, "-128"},
+      {"uchr", 3, 3, "uchr", 255, "255"},
+      {"ssht", 6, 5, "ssht", -32768, "-32768"},
+      {"sint", 11, 10, "sint", INT32_MIN, "-2147483648"},
+      {"uint", 10, 10, "uint", UINT32_MAX, "4294967295"},
+      {"slng", 20, 19, "slng", INT64_MIN, "-9223372036854775808"},
+      {"ulng", 19, 19, "ulng", -1, "18446744073709551615"},
+      {"uidx", 19, 19, "uidx", -1, "18446744073709551615"},
+      {"s128", 40, 39, "s128", -1, "-1"},
+      {"money", 17, 16, "dbl", 0, nullptr},
+      {"decimal(2,0)", 3, 2, "schr", -99, "-99"},
+      {"decimal(4,4)", 7, 4, "ssht", 7, "0.0007"},
+      {"decimal(5,5)", 8, 5, "sint", -5, "-0.00005"},
+      {"decimal(10,2)", 12, 10, "slng", -5, "-0.05"},
+      {"decimal(19,0)", 20, 19, "s128", -1, "-1"},
+      {"decimal(30,3)", 32, 30, "s128", -5, "-0.005"},
+      {"char(1)", 1, 0, "sint", 0x20AC, "\xE2\x82\xAC"},
+      {"char(9)", 9, 0, "str", 0, nullptr},
+      {"varchar(300)", 300, 0, "str", 0, nullptr},
+      {"str", 0, 0, "str", 0, nullptr},
+      {"date", 10, 0, "sint", 719528, "1970-01-01"},
+      {"time", 8, 0, "sint", 90061, "25:01:01"},
+      {"time(4)", 13, 0, "sint", 452967890, "12:34:56.7890"},
+      {"time(5)", 14, 0, "slng", 5, "00:00:00.00005"},
+      {"timestamp(6)", 26, 0, "slng", 719528LL * 86400 * 1000000 + 5, "1970-01-01 00:00:00.000005"},
+      {"intervalds(2)", 20, 0, "slng", -1, "-0 00:00:00.01"},
+      {"intervalym", 8, 0, "sint", -14, "-1-02"}};
   MemContext* ctx = mem_context_create(nullptr, "ltype test");
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     const uint32_t type = ltype_parse(c.text);
     EXPECT_EQ(type_text(type), c.text);
     EXPECT_STREQ(ltype_format(ctx, type, 0), c.text);
-    int p1 = -1, p2 = -1;
-    ltype_params(type, &p1, &p2);
-    EXPECT_TRUE(p1 == c.p1 && p2 == c.p2) << p1 << "," << p2;
     EXPECT_EQ(ltype_display_width(type), c.width);
     EXPECT_EQ(ltype_digits(type), c.digits);
-    ASSERT_NE(ltype_physical(type), nullptr);
-    EXPECT_STREQ(ltype_physical(type)->name, c.physical);
+    const PhysicalType* p = ltype_physical(type);
+    ASSERT_NE(p, nullptr);
+    EXPECT_STREQ(p->name, c.physical);
+    if (!c.value_text) continue;
+    unsigned char value[16];
+    std::memset(value, 0x55, sizeof value);
+    s128 wide;
+    s128_fromint_ptr(&wide, c.value);
+    std::memcpy(value, &wide, static_cast<size_t>(ptype_width(p)));
+    char buffer[64];
+    EXPECT_EQ(value_to_string(buffer, sizeof buffer, p, type, value),
+              static_cast<int>(std::strlen(c.value_text)));
+    EXPECT_STREQ(buffer, c.value_text);
   }
   // Bare names and "str" are the constant texts, not copies.
   EXPECT_EQ(ltype_format(ctx, LTYPE_VCHAR, 0), ltype_format(ctx, LTYPE_VCHAR, 0));
   mem_context_destroy(ctx);
+  int p1 = -1, p2 = -1;
+  ltype_params(word(LTYPE_DECIMAL, 12, 3), &p1, &p2);
+  EXPECT_TRUE(p1 == 12 && p2 == 3) << p1 << "," << p2;
   for (uint32_t none : {0u, 23u}) {
     EXPECT_EQ(type_text(none), "UNKNOWNTYPE");
     EXPECT_EQ(ltype_display_width(none), 0);
@@ -128,50 +151,10 @@ TEST(LtypeTable, TextParametersWidthDigitsAndPhysicalType) {
   EXPECT_EQ(ptype_get(ptype_count()), nullptr);
 }
 
-// Every logical type through the physical type it uses. Integers stand in the low bytes of a
-// value filled with 0x55, so a read of the wrong width shows.
-TEST(ValueToString, EveryTypeThroughItsPhysicalType) {
-  struct Case {
-    const char* type;
-    int64_t value;
-    const char* text;
-  } cases[] = {{"bool", 2, "true"},
-               {"schr", -128, "-128"},
-               {"uchr", 255, "255"},
-               {"ssht", -32768, "-32768"},
-               {"sint", INT32_MIN, "-2147483648"},
-               {"uint", UINT32_MAX, "4294967295"},
-               {"slng", INT64_MIN, "-9223372036854775808"},
-               {"ulng", -1, "18446744073709551615"},
-               {"s128", -1, "-1"},
-               {"decimal(4,4)", 7, "0.0007"},
-               {"decimal(30,3)", -5, "-0.005"},
-               {"char(1)", 0x20AC, "\xE2\x82\xAC"},
-               {"date", 719528, "1970-01-01"},
-               {"time(3)", 45296789, "12:34:56.789"},
-               {"timestamp(6)", 719528LL * 86400 * 1000000 + 5, "1970-01-01 00:00:00.000005"},
-               {"intervalds(2)", -1, "-0 00:00:00.01"},
-               {"intervalym", -14, "-1-02"}};
-  for (const auto& c : cases) {
-    const uint32_t type = ltype_parse(c.type);
-    const PhysicalType* p = ltype_physical(type);
-    unsigned char value[16];
-    std::memset(value, 0x55, sizeof value);
-    s128 wide;
-    s128_fromint_ptr(&wide, c.value);
-    std::memcpy(value, &wide, static_cast<size_t>(ptype_width(p)));
-    char buffer[64];
-    EXPECT_EQ(value_to_string(buffer, sizeof buffer, p, type, value),
-              static_cast<int>(std::strlen(c.text)))
-        << c.type;
-    EXPECT_STREQ(buffer, c.text) << c.type;
-  }
+TEST(ValueToString, FloatsAndThePhysicalTypeDecidingBeforeTheLogical) {
   EXPECT_EQ(print<double>(kMoney, -1999.0), "$ -19.99");
   EXPECT_EQ(print<float>(LTYPE_FLT4, 0.1f), "0.1");
   EXPECT_EQ(print<double>(LTYPE_FLT8, 0.1), "0.1");
-}
-
-TEST(ValueToString, PhysicalTypeDecidesBeforeLogical) {
   // Money reads a double whatever the column's physical type says.
   EXPECT_EQ(print<double>(kMoney, 250.0, "slng"), "$ 2.50");
   // A decimal held in a double.
@@ -201,6 +184,10 @@ TEST(ValueToString, TooSmallBufferAnswersMinusOne) {
   const uint32_t type = word(LTYPE_DECIMAL, 20, 2);
   EXPECT_EQ(value_to_string(buffer, sizeof buffer, ltype_physical(type), type, &wide), -1);
   EXPECT_EQ(std::strlen(buffer), 7u);
+  int64_t cents = -123456;  // a decimal in eight bytes, cut as well
+  const uint32_t dec = word(LTYPE_DECIMAL, 12, 2);
+  EXPECT_EQ(value_to_string(buffer, sizeof buffer, ltype_physical(dec), dec, &cents), -1);
+  EXPECT_STREQ(buffer, "-1234.5");
   char exact[11];
   EXPECT_EQ(value_to_string(exact, sizeof exact, ltype_physical(type), type, &wide), 10);
   EXPECT_STREQ(exact, "1234567.89");
@@ -213,7 +200,6 @@ TEST(ValueToString, CodePointsOfEveryLength) {
   } cases[] = {{0x7FF, "\xDF\xBF"},
                {0x800, "\xE0\xA0\x80"},
                {0x10000, "\xF0\x90\x80\x80"},
-               {0x1FFFFF, "\xF7\xBF\xBF\xBF"},
                {0x200000, "\xF8\x88\x80\x80\x80"},
                {0x4000000, "\xFC\x84\x80\x80\x80\x80"}};
   const uint32_t type = word(LTYPE_CHAR, 1);
@@ -292,8 +278,7 @@ TEST(ValueFromString, NormalisedTextsAndErrors) {
     const char* text;
     const char* expected;  // null when refused
     int32_t code;
-  } cases[] = {{"bool", "TRUE", "true", 0},
-               {"bool", "yes", nullptr, KEST_ERR_NOT_BOOL},
+  } cases[] = {{"bool", "yes", nullptr, KEST_ERR_NOT_BOOL},
                {"s128", "-170141183460469231731687303715884105728",
                 "-170141183460469231731687303715884105728", 0},
                {"s128", "170141183460469231731687303715884105728", nullptr, KEST_ERR_NOT_NUMBER},
@@ -305,7 +290,6 @@ TEST(ValueFromString, NormalisedTextsAndErrors) {
                {"date", "2023-02-29", nullptr, KEST_ERR_CONVERSION},
                {"time", "1:02:03.9", "01:02:03", 0},  // fraction digits beyond f are dropped
                {"intervalds(2)", "-2 00:00:00.25", "-2 00:00:00.25", 0},
-               {"intervalym", "1-12", nullptr, KEST_ERR_CONVERSION},
                {"varchar(4)", "abcd", nullptr, KEST_ERR_CONVERSION}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.type) + " " + c.text);

@@ -32,26 +32,6 @@ TEST(Decimal, EdgesOfBothPrinters) {
   EXPECT_STREQ(buffer, "-1.70141183460469231731687303715884105728");
 }
 
-TEST(Decimal, ShortBuffers) {
-  s128 v;
-  s128_fromint_ptr(&v, -12345);
-  struct {
-    size_t size;
-    const char* text64;  // a plain bounded copy: cut without a terminator
-    int ret64;
-    const char* text128;  // terminated, and the full length returned
-  } cases[] = {{1, "-", 1, ""}, {4, "-123", 4, "-12"}, {7, "-123.45", 7, "-123.4"}};
-  for (const auto& c : cases) {
-    char buffer[16];
-    std::memset(buffer, 'x', sizeof buffer);
-    EXPECT_EQ(decimal64_to_string(buffer, c.size, -12345, 2), c.ret64);
-    EXPECT_EQ(std::string(buffer, c.size + 1), std::string(c.text64).append("x"));
-    std::memset(buffer, 'x', sizeof buffer);
-    EXPECT_EQ(decimal128_to_string(buffer, c.size, v, 2), 7);
-    EXPECT_EQ(std::string(buffer, c.size + 1), std::string(c.text128).append(1, '\0').append("x"));
-  }
-}
-
 #if defined(__SIZEOF_INT128__)
 TEST(Decimal, MatchesNativeDivisionOverRandomSample) {
   using u128 = unsigned __int128;

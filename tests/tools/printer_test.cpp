@@ -176,7 +176,6 @@ TEST(PrinterTypes, WidthAndAlignmentOfCells) {
       {col<s128>("v", "decimal(20,3)", {{5, 0}, {~4ull, -1}}),
        "|                 0.005|\n|                -0.005|"},
       {col<int8_t>("v", "decimal(2,1)", {-1, 99}), "|        -0.1|\n|         9.9|"},
-      {col<double>("v", "money", {12345.0, -1999.0}), "|         $ 123.45|\n|         $ -19.99|"},
       {col<int32_t>("v", "char(1)", {'A', 0x20AC}), "|A      |\n|€      |"},
       {strs("v", "varchar(8)", {"hello", "wörld"}), "|hello     |\n|wörld     |"},
       {strs("v", "str", {"", "plain"}), "|                        |\n|plain                   |"},
@@ -260,7 +259,6 @@ TEST(PrinterWidths, TextsArePaddedByCountedCharacters) {
       {"\xF0\x9F\x41", 2},              // a third byte below 128 ends it
       {"\xC3", 1},                      // a lead byte at the end
       {"abcdefgh\xC3\xA4", 9},          // eight plain bytes, then a sequence
-      {"abcdefg\xC3\xA4xy", 10},        // a sequence across the eighth byte
       {"abcdefghijklmnop", 16},         // longer than the width: printed whole
   };
   for (const auto& c : cases) {

@@ -96,28 +96,6 @@ TEST_F(RefServerEval, VectorsNeverExceedTheVectorSize) {
   EXPECT_EQ(run("Array([i=0])").rows.size(), 0u);
 }
 
-// Literals and casts whose type is chosen from the value, and the physical type that carries it.
-TEST_F(RefServerEval, InferredTypesAndTheirPhysicalTypes) {
-  const struct {
-    const char* expr;
-    const char* type;
-    const char* physical;
-    const char* text;
-  } cases[] = {{"s128('-170141183460469231731687303715884105728')", "s128", "s128",
-                "-170141183460469231731687303715884105728"},
-               {"decimal('-1234.5678')", "decimal(8,4)", "sint", "-1234.5678"},
-               {"decimal('12.34', 30, 3)", "decimal(30,3)", "s128", "12.340"},
-               {"2147483648", "slng", "slng", "2147483648"}};
-  for (const auto& c : cases) {
-    Result r = run(std::string("Project(Array([i=1]), [v = ") + c.expr + "])");
-    ASSERT_EQ(r.error, 0) << c.expr;
-    EXPECT_EQ(r.types[0], c.type) << c.expr;
-    EXPECT_EQ(r.physicals[0], c.physical) << c.expr;
-    EXPECT_TRUE(r.constant[0]) << c.expr;
-    EXPECT_EQ(r.rows[0][0], c.text) << c.expr;
-  }
-}
-
 // Arithmetic, comparisons with three-valued logic, and the text functions (by code point).
 TEST_F(RefServerEval, Expressions) {
   const struct {
@@ -181,7 +159,6 @@ TEST_F(RefServerEval, ErrorsNameTheirCause) {
        KEST_ERR_OUT_OF_RANGE,
        {"2147483648", "sint"}},
       {"Project(Array([i=1]), [x = *(i)])", KEST_ERR_ARITY, {"*", "2", "1"}},
-      {"Project(Array([i=1]), [x = substr('a')])", KEST_ERR_ARITY, {"substr", "2", "1"}},
       {"Project(Array([i=1]), [x = concat(i, 'b')])",
        KEST_ERR_TYPE_MISMATCH,
        {"concat", "text", "sint"}},
