@@ -75,18 +75,6 @@ TEST(GetOption, ScansArgumentVectors) {
   }
 }
 
-TEST(GetOption, KeepsReportingTheEndAndRestartsAfterReset) {
-  Args a({"-p"});
-  get_option_reset();
-  const char* value = "junk";
-  EXPECT_EQ(get_option(a.argc(), a.argv(), kest_client_options, &value), 'p');
-  EXPECT_EQ(value, nullptr);
-  EXPECT_EQ(get_option(a.argc(), a.argv(), kest_client_options, &value), GET_OPTION_END);
-  EXPECT_EQ(get_option(a.argc(), a.argv(), kest_client_options, &value), GET_OPTION_END);
-  get_option_reset();
-  EXPECT_EQ(get_option(a.argc(), a.argv(), kest_client_options, &value), 'p');
-}
-
 // Without an argument vector the usage names the program "kest_client". (The end-to-end suite
 // shows the whole text with the port of each settings layer.)
 TEST(PrintUsage, NamesTheProgramWithoutAnArgumentVector) {

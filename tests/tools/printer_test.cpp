@@ -35,11 +35,6 @@ Col strs(std::string name, const char* type, std::vector<std::string> values) {
   return Col{std::move(name), ltype_parse(type), {}, std::move(values)};
 }
 
-// A null indicator: empty name, one-byte values.
-Col flags(std::vector<uint8_t> values, bool isconst = false) {
-  return col<uint8_t>("", "bool", std::move(values), isconst);
-}
-
 // A printer over `cols` writing to a temporary file; rows() hands it the data areas advanced past
 // the rows already printed.
 struct Render {
@@ -144,7 +139,6 @@ TEST(PrinterShapes, EveryModeMatchesItsGolden) {
 +-----------+--------------------+----------+
 (3 rows)
 )"},
-               {OUTPUT_RAW, {}, ""},
                {OUTPUT_RAW, {2, 1}, "7|42|ab\n-12|42|\n300|42|cdefgh\n"},
                {OUTPUT_HTML,
                 {2, 1},
@@ -187,18 +181,15 @@ TEST(PrinterTypes, WidthAndAlignmentOfCells) {
   }
 }
 
-// Hidden indicators: column 0 for "v" (per row), column 2 for "w" (constant, always null),
-// column 4 for column 5. Column 5 has an empty name too but follows a hidden column, so it is
-// shown; the last column is shown although its name is empty and its values are one byte.
+// Hidden null indicators (an empty name, one-byte values): column 0 for "v" (per row), column 2 for
+// "w" (constant, always null), column 4 for column 5. Column 5 has an empty name too but follows a
+// hidden column, so it is shown; the last column is shown although its name is empty and its values
+// are one byte.
 std::vector<Col> null_columns() {
-  return {flags({0, 1, 0}),
-          col<int32_t>("v", "sint", {1, 2, 3}),
-          flags({1}, true),
-          strs("w", "varchar(4)", {"a", "b", "c"}),
-          flags({1, 0, 0}),
-          col<uint8_t>("", "bool", {1, 0, 1}),
-          col<int64_t>("x", "slng", {10, 20, 30}),
-          col<uint8_t>("", "uchr", {7, 8, 9})};
+  return {col<uint8_t>("", "bool", {0, 1, 0}),     col<int32_t>("v", "sint", {1, 2, 3}),
+          col<uint8_t>("", "bool", {1}, true),     strs("w", "varchar(4)", {"a", "b", "c"}),
+          col<uint8_t>("", "bool", {1, 0, 0}),     col<uint8_t>("", "bool", {1, 0, 1}),
+          col<int64_t>("x", "slng", {10, 20, 30}), col<uint8_t>("", "uchr", {7, 8, 9})};
 }
 
 TEST(PrinterNulls, HiddenIndicatorsBlankTheNextColumnInEveryMode) {

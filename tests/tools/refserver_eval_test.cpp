@@ -4,7 +4,6 @@
 // and constants in every output mode) is not repeated here.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,10 +18,7 @@
 namespace {
 
 struct Result {
-  std::vector<std::string> names;
-  std::vector<std::string> types;      // logical type text
-  std::vector<std::string> physicals;  // physical type name
-  std::vector<bool> constant;
+  std::vector<std::string> types;  // logical type text
   std::vector<std::vector<std::string>> rows;
   std::vector<size_t> vector_rows;  // rows per vector
   int32_t error = 0;                // code of the first error, 0 when none
@@ -40,13 +36,7 @@ class RefServerEval : public testing::Test {
     try {
       auto rel = parse_query(ctx_, query);
       auto source = build_plan(ctx_, *rel, vector_size, nullptr);
-      const Schema& s = source->schema();
-      for (size_t c = 0; c < s.names.size(); ++c) {
-        r.names.push_back(s.names[c]);
-        r.types.push_back(type_text(s.types[c].ltype));
-        r.physicals.push_back(physical_of(s.types[c])->name);
-        r.constant.push_back(s.constants[c] != nullptr);
-      }
+      for (const auto& t : source->schema().types) r.types.push_back(type_text(t.ltype));
       Batch b;
       while (source->next(b)) {
         r.vector_rows.push_back(b.rows);
@@ -79,8 +69,6 @@ class RefServerEval : public testing::Test {
 TEST_F(RefServerEval, ArrayCountsFromZeroLastDimensionFastest) {
   Result r = run("Array([i=2, j=3])");
   ASSERT_EQ(r.error, 0);
-  EXPECT_EQ(r.names, (std::vector<std::string>{"i", "j"}));
-  EXPECT_EQ(r.types, (std::vector<std::string>{"sint", "sint"}));
   const std::vector<std::vector<std::string>> expected = {{"0", "0"}, {"0", "1"}, {"0", "2"},
                                                           {"1", "0"}, {"1", "1"}, {"1", "2"}};
   EXPECT_EQ(r.rows, expected);
@@ -151,7 +139,6 @@ TEST_F(RefServerEval, ErrorsNameTheirCause) {
       {"Project(Array([i=1]), [x = j])", KEST_ERR_UNKNOWN_COLUMN, {"j"}},
       {"Project(Array([i=1]), [x = frob(i)])", KEST_ERR_UNKNOWN_OPERATOR, {"frob"}},
       {"Project(Array([i=1]), [x = +(i, 'a')])", KEST_ERR_TYPE_MISMATCH, {"+", "a number", "str"}},
-      {"Select(Array([i=1]), i)", KEST_ERR_TYPE_MISMATCH, {"Select", "bool", "sint"}},
       {"Project(Array([i=2]), [x = /(1, i)])", KEST_ERR_DIVISION_BY_ZERO, {}},
       {"Project(Array([i=1]), [x = sint('abc')])", KEST_ERR_NOT_NUMBER, {"abc"}},
       {"Project(Array([i=1]), [x = date(true)])", KEST_ERR_CONVERSION, {"date", "bool", "date"}},
