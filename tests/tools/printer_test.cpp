@@ -57,7 +57,9 @@ struct Render {
       for (const std::string& t : c.texts) pointers.back().push_back(t.c_str());
     }
   }
-  ~Render() { std::fclose(file); }
+  ~Render() {
+    if (file) std::fclose(file);
+  }
 
   ResultPrinter* open(int mode) {
     return printer_open(file, static_cast<int32_t>(cols.size()), names.data(), types.data(),
