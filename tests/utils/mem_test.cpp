@@ -15,6 +15,7 @@ namespace {
 // A small request in a fresh context makes a heap area of the chunk size: 16192 bytes of blocks,
 // the 64-byte header, 15 bytes of alignment slack (its reservation, 16318, shows in the dump).
 constexpr uint64_t kChunkAreaMem = 16271;
+constexpr uint64_t kChunkAreaVM = 16318;
 constexpr uint64_t kHuge = uint64_t{1} << 50;  // more address space than any system has
 
 // The assertion line as a death-test pattern, its regular-expression operators escaped.
@@ -103,6 +104,47 @@ TEST(MemTest, ReallocGrowsInPlaceWhenLastElseMovesKeepingContentsAndZeroingTheRe
 }
 
 // The embedded child inherits the environment; destroying the root leaves its storage alone.
+// A root's limit is a grant from the system account: it grows area by area up to the limit and
+// goes back when the root is destroyed.
+TEST(MemTest, RootLimitDrawsGrantsFromTheSystemAccount) {
+  mem_system_set_limits(3 * kChunkAreaMem, 0);
+  MemContext* root = mem_context_create(nullptr, "granted");
+  ASSERT_EQ(mem_context_set_limits(root, kChunkAreaMem, 0), 0);
+  EXPECT_EQ(mem_context_set_limits(root, 4 * kChunkAreaMem, 0), -1);  // more than the system has
+  // 16000 bytes fill a chunk area: each request makes a new one and the grant grows.
+  for (int i = 0; i < 3; ++i) EXPECT_NE(mem_malloc(root, 16000, 0), nullptr) << i;
+  EXPECT_EQ(mem_malloc(root, 16000, KEST_MEM_ALLOWFAILURE), nullptr);  // account exhausted
+  EXPECT_EQ(root->maxMem, 3 * kChunkAreaMem);
+  EXPECT_EQ(mem_system_account().curMem, 3 * kChunkAreaMem);
+  mem_context_destroy(root);
+  EXPECT_EQ(mem_system_account().curMem, 0u);
+  mem_system_set_limits(0, 0);
+}
+
+// A reservation is charged up the tree at once; reserved-only allocations draw on it and fail
+// (with the logged figures) when it runs short, reserved-first ones go on within the limit.
+TEST(MemTest, ReservationIsChargedUpFrontAndDrawnOnLater) {
+  MemContext* root = mem_context_create(nullptr, "rsv");
+  MemContext* ctx = mem_context_create(root, "child");
+  ASSERT_EQ(mem_context_set_limits(ctx, 40000, 0), 0);
+  ASSERT_EQ(mem_context_reserve(ctx, 20000, 20000), 0);
+  EXPECT_EQ(root->totMem, 20000u);
+  EXPECT_EQ(mem_context_reserve(ctx, 30000, 0), -1);  // over the child's limit
+  ASSERT_NE(mem_malloc(ctx, 10, KEST_MEM_USE_RESERVED_ONLY), nullptr);
+  EXPECT_EQ(ctx->mem_rsrvd, 20000 - kChunkAreaMem);
+  EXPECT_EQ(ctx->vm_rsrvd, 20000 - kChunkAreaVM);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(mem_malloc(ctx, 16200, KEST_MEM_USE_RESERVED_ONLY | KEST_MEM_ALLOWFAILURE), nullptr);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                "Not enough memory reserved in child context for USE_RESERVED_ONLY allocation. "
+                "mem_req = 16319 mem_reserved = 3729 vm_req = 16366 vm_reserved = 3682"),
+            std::string::npos);
+  EXPECT_NE(mem_malloc(ctx, 16200, KEST_MEM_USE_RESERVED), nullptr);
+  EXPECT_EQ(ctx->mem_rsrvd, 0u);
+  EXPECT_EQ(root->totMem, kChunkAreaMem + 16319);
+  mem_context_destroy(root);
+}
+
 TEST(MemTest, OutOfMemoryJumpsToTheInheritedExceptionEnvironmentWithCode2) {
   LongJmpCtx* env = longjmp_ctx_create();
   MemContext* root = mem_context_create(nullptr, "jumper");
