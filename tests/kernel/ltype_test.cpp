@@ -154,6 +154,34 @@ TEST(LtypeTable, EveryTypeFromTextToValueText) {
   EXPECT_EQ(ptype_get(ptype_count()), nullptr);
 }
 
+TEST(LtypeLimits, MinAndMax) {
+  const double big = 1.7976931348623157e308;
+  EXPECT_EQ(ltype_max(LTYPE_S128), big);
+  EXPECT_EQ(ltype_min(word(LTYPE_DECIMAL, 5, 2)), -1e5);
+  EXPECT_EQ(ltype_min(kMoney), -1e14);
+  EXPECT_EQ(ltype_max(LTYPE_DATE), 3652424.0);
+  EXPECT_EQ(ltype_max(word(LTYPE_TIME, 0, 12)), 86400e9);  // f capped at 9
+  EXPECT_EQ(ltype_max(word(LTYPE_TIMESTAMP, 0, 6)), 3652425.0 * 86400e6);
+  EXPECT_EQ(ltype_max(LTYPE_BOOL), 255.0);
+  EXPECT_EQ(ltype_max(0), big);
+}
+
+TEST(LtypeCommon, PairsInBothOrders) {
+  const char* const cases[][3] = {{"sint", "sint", "sint"},
+                                  {"dbl", "schr", "dbl"},
+                                  {"decimal(10,2)", "decimal(8,4)", "decimal(12,4)"},
+                                  {"decimal(250,0)", "decimal(10,9)", "decimal(255,9)"},
+                                  {"char(3)", "varchar(10)", "varchar(10)"},
+                                  {"date", "timestamp", ""},
+                                  {"sint", "str", ""}};
+  for (const auto& c : cases) {
+    const uint32_t a = ltype_parse(c[0]), b = ltype_parse(c[1]);
+    const uint32_t expected = *c[2] ? ltype_parse(c[2]) : 0;
+    EXPECT_EQ(ltype_common(a, b), expected) << c[0] << " " << c[1];
+    EXPECT_EQ(ltype_common(b, a), expected) << c[1] << " " << c[0];
+  }
+}
+
 TEST(ValueToString, FloatsAndThePhysicalTypeDecidingBeforeTheLogical) {
   EXPECT_EQ(print<double>(kMoney, -1999.0), "$ -19.99");
   EXPECT_EQ(print<float>(LTYPE_FLT4, 0.1f), "0.1");
