@@ -41,16 +41,12 @@ def ints(fmt, values):
     return b"".join(struct.pack("<" + fmt, v) for v in values)
 
 
-def write(target, name, payload):
+def write_all(target, payloads):
     d = os.path.join(ROOT, target)
     os.makedirs(d, exist_ok=True)
-    with open(os.path.join(d, "seed_" + name), "wb") as f:
-        f.write(payload.encode() if isinstance(payload, str) else payload)
-
-
-def write_all(target, payloads):
     for name, payload in payloads.items():
-        write(target, name, payload)
+        with open(os.path.join(d, "seed_" + name), "wb") as f:
+            f.write(payload.encode() if isinstance(payload, str) else payload)
 
 
 def receive_seeds():
@@ -86,9 +82,8 @@ def receive_seeds():
         "empty_frame": frame(b""),
         "closed_mid_stream": ack(4, [("a", 0, "int", "sint")]) + data(1, ints("i", [1])),
     }
-    for name, stream in streams.items():
-        for mode in range(4):
-            write("receive", "%s_%d" % (name, mode), bytes([mode, 7 * mode + 3]) + stream)
+    write_all("receive", {"%s_%d" % (name, mode): bytes([mode, 7 * mode + 3]) + stream
+                          for name, stream in streams.items() for mode in range(4)})
 
 
 def split_seeds():
@@ -143,32 +138,29 @@ def logconfig_seeds():
 
 
 def types_seeds():
-    for i, t in enumerate(["decimal(12,2)", "varchar(5)", "char", "time(3)", "str", "float(4)",
-                           "timestamp(9)", "nosuch", "decimal(", "int)"]):
-        write("types", "ltype_%d" % i, "\0\0\0\0" + t)
-    for i, t in enumerate(["0", "-1", "170141183460469231731687303715884105727",
-                           "-170141183460469231731687303715884105728",
-                           "170141183460469231731687303715884105728", "12abc", "-", ""]):
-        write("types", "s128_%d" % i, "\1\0\0\0" + t)
+    ltypes = ["decimal(12,2)", "varchar(5)", "char", "time(3)", "str", "float(4)",
+              "timestamp(9)", "nosuch", "decimal(", "int)"]
+    s128s = ["0", "-1", "170141183460469231731687303715884105727",
+             "-170141183460469231731687303715884105728",
+             "170141183460469231731687303715884105728", "12abc", "-", ""]
     values = [(5, "-2147483648"), (11, "12.345"), (43, "12.345"), (17, "2024-02-29"),
               (18, "23:59:59.123"), (19, "2024-01-01 00:00:00"), (14, "$1,234.56"),
               (12, "1e10"), (0, "yes"), (20, "3 12:00:00"), (21, "1-2")]
-    for i, (pick, text) in enumerate(values):
-        write("types", "value_%d" % i, bytes([2, pick, 12, 3]) + text.encode())
+    seeds = {"ltype_%d" % i: "\0\0\0\0" + t for i, t in enumerate(ltypes)}
+    seeds.update({"s128_%d" % i: "\1\0\0\0" + t for i, t in enumerate(s128s)})
+    seeds.update({"value_%d" % i: bytes([2, pick, 12, 3]) + text.encode()
+                  for i, (pick, text) in enumerate(values)})
+    write_all("types", seeds)
 
 
 def options_seeds():
     lines = [["-e", "Array([i=0])", "-P", "5000"], ["--port=5000", "--host", "127.0.0.1"],
              ["-pi", "-r"], ["-P5000", "-o", "html"], ["--nosuch"], ["stray"], ["-e"],
              ["--ping=1"], ["-uv"], ["--output=raw", "-n", "--ignore-err", "-?"]]
-    for i, args in enumerate(lines):
-        write("options", "args_%d" % i, "\0".join(args))
+    write_all("options", {"args_%d" % i: "\0".join(args) for i, args in enumerate(lines)})
 
 
 if __name__ == "__main__":
-    receive_seeds()
-    split_seeds()
-    settings_seeds()
-    logconfig_seeds()
-    types_seeds()
-    options_seeds()
+    for make in (receive_seeds, split_seeds, settings_seeds, logconfig_seeds, types_seeds,
+                 options_seeds):
+        make()

@@ -3,12 +3,9 @@
 // specified out-of-memory path (an assertion report, then abort) or a clean return that leaves
 // nothing allocated; never a crash, never a leak.
 //
-// Mechanism: this program replaces malloc, calloc, realloc and free (glibc lets a program
-// interpose them and exports the originals as __libc_*). The replacement counts and fails only
-// on the thread that armed it, and only while armed, so the test framework is never touched.
-// Memory contexts take their small areas from malloc, so they fail here too. Each run is a
-// death-test child, since the specified path ends the process. Sanitizer builds keep their own
-// allocator, and other C runtimes do not allow the interposition: there the test is skipped.
+// This program replaces malloc, calloc, realloc and free (glibc exports the originals as
+// __libc_*); the replacement counts and fails only on the thread that armed it, while armed.
+// Each run is a death-test child. Sanitizer builds and other C runtimes skip the test.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -142,20 +139,6 @@ void receive_stream(const std::string& stream, int mode) {
   NetBufferClose(&conn.netbuf);
 }
 
-// An int and a varchar column, two data messages and the end, printed as a unicode table.
-void receive_result() {
-  static const std::string stream = ack(4, {{"i", "int", "sint"}, {"s", "varchar(10)", "str"}}) +
-                                    data(2, be32(7) + be32(8) + var("hi") + var("")) +
-                                    data(1, be32(9) + var("abc")) + data(0);
-  receive_stream(stream, OUTPUT_UNICODE);
-}
-
-// An acknowledgement carrying an error record with two parameters.
-void receive_error_ack() {
-  static const std::string stream = error_record(3, {"table", "t1"});
-  receive_stream(stream, OUTPUT_ASCII);
-}
-
 constexpr const char* kScript =
     "Array([i=0]);\n# a comment\nselect('x;y', "
     "<<<END_OF_A_LONG_BODY\nbody;\nEND_OF_A_LONG_BODY\n);\n  last";
@@ -166,26 +149,37 @@ void drain(QuerySplitter* qs) {
   if (qs != nullptr) query_splitter_free(qs);
 }
 
-void split_string() { drain(query_splitter_create_string(kScript)); }
-
-void split_file() {
-  std::FILE* f = std::tmpfile();
-  if (f == nullptr) return;
-  std::fputs(kScript, f);
-  std::rewind(f);
-  drain(query_splitter_create_file(f));
-  std::fclose(f);
-}
-
 TEST(AllocFailureDeathTest, EveryAllocationOfReceptionAndSplitting) {
   kest_fuzz::fuzz_init();
   const struct {
     const char* name;
     Operation op;
-  } ops[] = {{"result table", receive_result},
-             {"error acknowledgement", receive_error_ack},
-             {"splitting a string", split_string},
-             {"splitting a file", split_file}};
+  } ops[] = {
+      // An int and a varchar column, two data messages and the end, as a unicode table.
+      {"result table",
+       [] {
+         static const std::string stream =
+             ack(4, {{"i", "int", "sint"}, {"s", "varchar(10)", "str"}}) +
+             data(2, be32(7) + be32(8) + var("hi") + var("")) + data(1, be32(9) + var("abc")) +
+             data(0);
+         receive_stream(stream, OUTPUT_UNICODE);
+       }},
+      {"error acknowledgement",
+       [] {
+         static const std::string stream = error_record(3, {"table", "t1"});
+         receive_stream(stream, OUTPUT_ASCII);
+       }},
+      {"splitting a string", [] { drain(query_splitter_create_string(kScript)); }},
+      {"splitting a file",
+       [] {
+         std::FILE* f = std::tmpfile();
+         if (f == nullptr) return;
+         std::fputs(kScript, f);
+         std::rewind(f);
+         drain(query_splitter_create_file(f));
+         std::fclose(f);
+       }},
+  };
   for (const auto& [name, op] : ops) {
     SCOPED_TRACE(name);
     fail_each_allocation(op);

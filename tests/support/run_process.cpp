@@ -2,6 +2,7 @@
 // operating system directly.
 #include "support/run_process.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstring>
@@ -52,12 +53,10 @@ std::vector<std::string> environment(const ProcessOptions& options) {
   for (const auto& change : options.env) {
     const std::string& name = change.first;
     std::erase_if(entries, [&name](const std::string& e) {
-      if (e.size() <= name.size() || e[name.size()] != '=') return false;
-      for (size_t i = 0; i < name.size(); ++i)
-        if (std::tolower(static_cast<unsigned char>(e[i])) !=
-            std::tolower(static_cast<unsigned char>(name[i])))
-          return false;
-      return true;
+      const auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
+      return e.size() > name.size() && e[name.size()] == '=' &&
+             std::equal(name.begin(), name.end(), e.begin(),
+                        [&](char a, char b) { return lower(a) == lower(b); });
     });
     if (change.second) entries.push_back(name + "=" + *change.second);
   }
@@ -204,19 +203,14 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
     join(streams);
     return r;
   }
-  const auto start = std::chrono::steady_clock::now();
+  const auto deadline = std::chrono::steady_clock::now() + options.time_limit;
   int st = 0;
   while (waitpid(pid, &st, WNOHANG) != pid) {
-    const auto ran = std::chrono::steady_clock::now() - start;
-    if (ran >= options.time_limit) {
+    if (std::chrono::steady_clock::now() >= deadline) {
       kill(pid, SIGKILL);
       waitpid(pid, &st, 0);
       r.timed_out = true;
       break;
-    }
-    if (options.interrupt_after.count() > 0 && !r.interrupted && ran >= options.interrupt_after) {
-      kill(pid, SIGINT);
-      r.interrupted = true;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }

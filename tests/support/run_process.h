@@ -1,10 +1,5 @@
 // Runs a program as a child process for end-to-end tests: feeds its standard input, captures its
 // standard output and standard error, and kills it when it outlives a time limit.
-//
-//   ProcessResult r = run_process({KEST_CLIENT_BIN, "-e", "Array([i=0])"},
-//                                 {.stdin_text = "", .env = {{"HOME", std::nullopt}}});
-//   EXPECT_TRUE(r.exited);
-//   EXPECT_EQ(r.status, -1);
 #pragma once
 
 #include <chrono>
@@ -20,9 +15,6 @@ struct ProcessOptions {
   std::vector<std::pair<std::string, std::optional<std::string>>> env;
   // After this long the child is killed and the result says timed_out.
   std::chrono::milliseconds time_limit{std::chrono::seconds(60)};
-  // When non-zero, the child still running this long after its start gets SIGINT, as from Ctrl-C
-  // at a console. POSIX only: ignored on Windows, where tests that need it skip.
-  std::chrono::milliseconds interrupt_after{0};
 };
 
 struct ProcessResult {
@@ -34,10 +26,9 @@ struct ProcessResult {
   bool exited = false;
   // The exit status read as a signed byte on every platform: `return -1` from main gives -1.
   int status = 0;
-  int raw_code = 0;          // the platform's own exit code (POSIX 0-255, or the signal number)
-  bool timed_out = false;    // killed at the time limit
-  bool interrupted = false;  // was still running at interrupt_after and got the interrupt
-  std::string error;         // why the child could not be started, else empty
+  int raw_code = 0;        // the platform's own exit code (POSIX 0-255, or the signal number)
+  bool timed_out = false;  // killed at the time limit
+  std::string error;       // why the child could not be started, else empty
 };
 
 // Starts argv[0] (a path; no search of PATH) with the arguments argv[1..], waits until it ends or

@@ -92,7 +92,17 @@ ScriptedPeer::~ScriptedPeer() {
 }
 
 ScriptedPeer& ScriptedPeer::send(std::string bytes) {
-  steps_.push_back([this, bytes = std::move(bytes)](int32_t& s) { return send_all(s, bytes); });
+  steps_.push_back([this, bytes = std::move(bytes)](int32_t& s) {
+    const size_t chunk = options_.chunk ? options_.chunk : bytes.size();
+    for (size_t at = 0; at < bytes.size();) {
+      const int64_t n = net_send(s, bytes.data() + at, std::min(chunk, bytes.size() - at));
+      if (n <= 0) return false;
+      at += static_cast<size_t>(n);
+      if (options_.pause_us > 0)
+        std::this_thread::sleep_for(std::chrono::microseconds(options_.pause_us));
+    }
+    return true;
+  });
   return *this;
 }
 
@@ -162,18 +172,6 @@ void ScriptedPeer::start() {
 bool ScriptedPeer::join() {
   if (thread_.joinable()) thread_.join();
   return ok_;
-}
-
-bool ScriptedPeer::send_all(int32_t s, std::string_view bytes) const {
-  const size_t chunk = options_.chunk ? options_.chunk : bytes.size();
-  for (size_t at = 0; at < bytes.size();) {
-    const int64_t n = net_send(s, bytes.data() + at, std::min(chunk, bytes.size() - at));
-    if (n <= 0) return false;
-    at += static_cast<size_t>(n);
-    if (options_.pause_us > 0)
-      std::this_thread::sleep_for(std::chrono::microseconds(options_.pause_us));
-  }
-  return true;
 }
 
 int32_t ScriptedPeer::connect_client() const {

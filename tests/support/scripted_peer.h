@@ -1,16 +1,14 @@
-// Test fakes for anything that speaks the framed wire protocol: byte builders for frames, fields
-// and whole server messages, and a loopback peer thread that accepts one connection and plays a
-// script of steps.
+// Test fakes for the framed wire protocol: byte builders for fields and server messages, and a
+// loopback peer thread that accepts one connection and plays a script of steps:
 //
-//   kest_test::ScriptedPeer peer({.chunk = 1, .pause_us = 100});   // drip one byte at a time
-//   peer.send(kest_test::frame(kest_test::be32(7))).close();
+//   kest_test::ScriptedPeer peer({.chunk = 1, .pause_us = 100});  // drip one byte at a time
+//   peer.read_frame().send(kest_test::frame(kest_test::be32(7))).close();
 //   peer.start();
-//   int32_t s = peer.connect_client();          // a socket connected to the peer
-//   ... NetBufferInit(&nb, s); NetBufferRecv(&nb) ...
+//   NetBufferInit(&nb, peer.connect_client());  // or a client process given peer.port()
 //   ASSERT_TRUE(peer.join());                   // the script ran to its end
 //
-// The peer listens on 127.0.0.1 only, on a port the system picks. Every wait in it is bounded
-// (kStepTimeoutUs per step), so a test whose client misbehaves fails instead of hanging.
+// Every wait in the peer is bounded (kStepTimeoutUs per step): a misbehaving client fails a test
+// instead of hanging it.
 #pragma once
 
 #include <cstddef>
@@ -84,8 +82,6 @@ class ScriptedPeer {
   const std::string& received() const { return received_; }
 
  private:
-  bool send_all(int32_t s, std::string_view bytes) const;
-
   Options options_;
   int32_t listener_ = -1;
   uint16_t port_ = 0;

@@ -1,21 +1,13 @@
-// The receive path under hostile bytes: a peer's byte stream goes through a loopback socket into
-// NetBufferRecv, the acknowledgement and the data messages, and on to the printer. Shared by the
-// fuzz target and by the replay test of the ordinary suites (header-only, because the two are
-// built into different programs).
+// The receive path under hostile bytes: a peer's stream goes through a loopback socket into
+// NetBufferRecv, the acknowledgement, the data messages and the printer. Header-only, shared by
+// the fuzz target and the replay test. Input: byte 0 picks the output mode (low two bits), byte 1
+// seeds the fragmentation, the rest is what the peer sends.
 //
-// Input layout: byte 0 picks the output mode (low two bits), byte 1 seeds the fragmentation,
-// the rest is what the peer sends.
-//
-// Specified aborts. A malformed message (a field running past its frame, a logical type text of
-// 64 bytes or more, an unknown physical type, a column count or vector size no allocation can
-// serve) ends the process by design. libFuzzer runs targets in-process, so such an input would
-// end the whole run. Rather than catching the abort (a longjmp out of an assertion would leave
-// the half-built result behind and hide leaks), a small model of the frame layout walks the
-// stream first and the harness skips every input the model says must abort. Every other abort is
-// then a real fault: the model and the client disagree, and the fuzzer reports the crash.
-//
-// Differential check: the same stream delivered whole and in fragments must give byte-identical
-// output, and the row counts the client reports must be those the model read.
+// A malformed message (a field past its frame, a type text of 64 bytes or more, an unknown
+// physical type, a column count no allocation can serve) aborts by design, which would end an
+// in-process fuzzer. A model of the frame layout walks the stream first and the harness skips
+// what it says must abort; any other abort is a real fault. Checks: the stream delivered whole
+// and in fragments prints the same bytes, and the row counts are those the model read.
 #pragma once
 
 #include <algorithm>
@@ -38,23 +30,18 @@
 
 namespace kest_fuzz {
 
-// Data areas the model lets through, all columns together. An acknowledgement may ask for
-// width x vector size bytes per column before any row arrives; past this budget the outcome
-// depends on the machine (the allocation succeeds, or fails the "queryres.data[i]" assertion),
-// so such inputs are skipped rather than judged.
+// Data areas (width x vector size per column, all columns) the model lets through: past this the
+// outcome depends on the machine (or the "queryres.data[i]" assertion), so the input is skipped.
 constexpr int64_t kAreaBudget = int64_t{8} << 20;
 
-// Rows printed per input, all data messages together. A result of only constant columns, or of
-// none, announces its row count without bytes to back it, so a 12-byte message may ask for two
-// billion printed rows: correct, but not in a fuzzer's time limit.
+// Rows printed per input. A result of constant columns only, or of none, has no bytes behind its
+// rows: a 12-byte message may ask for two billion, correct but too slow for a fuzzer.
 constexpr int64_t kRowBudget = int64_t{1} << 18;
 
 enum class StreamVerdict { kRuns, kMustAbort, kOverBudget, kMismatchedTypes };
 
-// A column whose logical type the value printer cannot read from its physical type: a "str",
-// "dbl" or "flt" column of another meaning trips the printer's assertion when a value of it is
-// printed. Whether one is printed depends on rows, nulls and the mode, so these inputs are set
-// aside (reproducers under tests/fuzz/findings/receive/) and fuzzing goes on past them.
+// A "str", "dbl" or "flt" column of another meaning trips the value printer's assertion if one of
+// its values is printed: such inputs are set aside (reproducers in tests/fuzz/findings/receive/).
 inline bool printer_cannot_read(uint32_t ltype, const PhysicalType* physical) {
   const uint32_t id = ltype_id(ltype);
   const std::string_view name = physical->name;
@@ -72,8 +59,7 @@ struct StreamModel {
   int64_t printed = 0;        // rows printed, all data messages together
 };
 
-// Reads the fields of one frame body the way the network buffer does, noting whether a read
-// would run past the frame (which the client turns into an assertion).
+// Reads the fields of one frame body as the network buffer does; false for a read past the frame.
 struct FieldReader {
   std::string_view body;
   size_t pos = 0;
@@ -105,10 +91,11 @@ struct FieldReader {
 // Takes the next frame off `stream`: true with its body, false when NetBufferRecv would not
 // deliver one (end of stream, a bad length field, a frame cut short).
 inline bool next_frame(std::string_view* stream, std::string_view* body) {
-  if (stream->size() < 4) return false;
+  FieldReader header{*stream};
   uint32_t total = 0;
-  for (int i = 0; i < 4; ++i) total = (total << 8) | static_cast<unsigned char>((*stream)[i]);
-  if (total < 4 || total > uint32_t{NETBUF_MAX_FRAME} || total > stream->size()) return false;
+  if (!header.int32(&total) || total < 4 || total > uint32_t{NETBUF_MAX_FRAME} ||
+      total > stream->size())
+    return false;
   *body = stream->substr(4, total - 4);
   stream->remove_prefix(total);
   return true;

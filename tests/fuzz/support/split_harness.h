@@ -1,14 +1,8 @@
-// The query splitter and the scanner under hostile scripts, in string mode and in file mode.
-// Shared by the fuzz target and the replay test (header-only).
-//
-// Specified aborts. The splitter asserts "*qs->lss->yytext == 0" and "startpos < endpos" for
-// scripts it cannot cut (an unclassifiable character where a statement starts). Those are the
-// system's answer to such a script, so the harness predicts them and skips the input: a second,
-// private scanner walks the same bytes and replays the splitter's decisions. The scanner itself
-// never asserts, so the prediction is safe to run, and it doubles as the token-stream check.
-// Any abort on an input the prediction lets through is a real fault.
-//
-// Differential check: a script free of NULs and unclassifiable characters gives the same
+// The query splitter and the scanner under hostile scripts, in string and file mode; header-only,
+// shared by the fuzz target and the replay test. The splitter asserts ("*qs->lss->yytext == 0",
+// "startpos < endpos") on scripts it cannot cut; a private scanner replays its decisions over the
+// same bytes to predict those aborts (and checks the token stream), and the input is skipped. Any
+// other abort is a fault. A script free of NULs and unclassifiable characters must give the same
 // queries in string mode and in file mode.
 #pragma once
 

@@ -1,7 +1,6 @@
-// Hostile text into the parsers that take it: the settings-file parser, the logger's
-// configuration parser, the type and value readers, and the option scanner. None of them has a
-// specified abort, so any abort, sanitizer report or leak is a fault. Each check returns an empty
-// text when it holds, else what went wrong. Shared by the fuzz targets and the replay test.
+// Hostile text into the settings-file parser, the logger's configuration parser, the type and
+// value readers and the option scanner, none of which has a specified abort. Each check returns
+// an empty text when it holds, else what went wrong. Shared by the fuzz targets and the replay.
 #pragma once
 
 #include <algorithm>

@@ -1,0 +1,332 @@
+// The built client run as a user runs it: its command line, whole runs against a scripted
+// loopback server, and runs against the reference server, which the test starts on a thread of
+// its own on a free loopback port. Every client run has a time limit and a home directory of its
+// own, so no per-user settings file of the machine leaks in.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kernel/ltype.h"
+#include "support/run_process.h"
+#include "support/scripted_peer.h"
+#include "tools/refserver/server.h"
+
+namespace {
+
+using namespace kest_test;
+using testing::HasSubstr;
+namespace fs = std::filesystem;
+using Args = std::vector<std::string>;
+
+const std::string kVersion =
+    "kest-vs9-OPTXPROF-64(branches/zn2.50) built on Oct 19 2012 01:09:04 with Microsoft "
+    "Compiler version 1500";
+
+std::string usage(const std::string& port) {
+  return "Kest client\n\n"
+         "Usage: " KEST_CLIENT_BIN
+         " [OPTIONS]\n"
+         "Executes an kest query on an kest server.\n\n"
+         "Options:\n"
+         "  -e, --execute QUERY   query to execute\n"
+         "      or\n"
+         "  -f, --file FILE       query file to execute\n"
+         "                        if not provided, query is read from stdin\n"
+         "  -h, --host HOSTNAME   server hostname or IP address\n"
+         "                        default: localhost\n"
+         "  -P, --port PORT       server port\n"
+         "                        default: " +
+         port +
+         "\n"
+         "  -p, --ping            ping the server with simple query\n"
+         "  -t, --tries TRIES     number of times to try to connect to the server\n"
+         "                        default: 1 time\n"
+         "  -a  --passfile FILE   authentication file for the server\n"
+         "  -o, --output ascii|unicode|raw|html\n"
+         "                        selects output formatting\n"
+         "  -i, --ignore-err      do not exit on error\n"
+         "  -v, --version         print version and exit\n";
+}
+
+class ClientE2E : public testing::Test {
+ protected:
+  void SetUp() override {
+    home_ = fs::temp_directory_path() / ("kest_e2e_" + std::to_string(std::random_device{}()));
+    fs::create_directories(home_);
+    types_init();
+  }
+  void TearDown() override {
+    stop();
+    fs::remove_all(home_);
+  }
+
+  ProcessResult run(Args args, std::string input = "") {
+    args.insert(args.begin(), KEST_CLIENT_BIN);
+    ProcessOptions options;
+    options.stdin_text = std::move(input);
+    options.env = {{"HOME", home_.string()}, {"USERPROFILE", home_.string()}};
+    options.time_limit = std::chrono::seconds(20);
+    ProcessResult r = run_process(args, options);
+    EXPECT_EQ(r.error, "");
+    EXPECT_FALSE(r.timed_out);
+    return r;
+  }
+  // The same against the server on `port` of 127.0.0.1.
+  ProcessResult run_at(uint16_t port, Args args, std::string input = "") {
+    args.insert(args.begin(), {"-h", "127.0.0.1", "-P", std::to_string(port), "-t", "1"});
+    return run(std::move(args), std::move(input));
+  }
+
+  std::string write(const std::string& name, const std::string& contents) {
+    const fs::path p = home_ / name;
+    std::ofstream(p, std::ios::binary) << contents;
+    return p.string();
+  }
+
+  // Starts a reference server (stopping the one before).
+  void start(ServerOptions options = {}) {
+    stop();
+    options_ = std::move(options);
+    options_.host = "127.0.0.1";
+    options_.port = 0;
+    const int32_t listener = server_listen(options_, &port_);
+    ASSERT_GE(listener, 0);
+    server_ = std::thread([this, listener] { server_serve(listener, options_, stop_); });
+  }
+  void stop() {
+    stop_.store(true);
+    if (server_.joinable()) server_.join();
+    stop_.store(false);
+  }
+  ProcessResult client(Args args) { return run_at(port_, std::move(args)); }
+
+  fs::path home_;
+  ServerOptions options_;
+  uint16_t port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread server_;
+};
+
+TEST_F(ClientE2E, VersionPrintsTheProgramNameAsTypedAndTheBuildLine) {
+  ProcessResult r = run({"-v"});
+  EXPECT_TRUE(r.exited);
+  EXPECT_EQ(r.out, std::string(KEST_CLIENT_BIN) + "\n" + kVersion + "\n");
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(r.status, 0);
+}
+
+TEST_F(ClientE2E, RefusedOptionsPrintTheUsageAndFail) {
+  for (const char* args : {"--help", "-x", "query.txt", "-?", "--ping=1", "--port", "-e"}) {
+    ProcessResult r = run({args});
+    EXPECT_EQ(r.out, usage("48130")) << args;
+    EXPECT_EQ(r.err, "") << args;
+    EXPECT_EQ(r.status, -1) << args;
+  }
+}
+
+// The usage text shows the port of the merged layers: the per-user file in HOME, then the files
+// of -c, then the command line, whatever the order of the options.
+TEST_F(ClientE2E, UsageShowsThePortOfTheSettingsLayers) {
+  write(".quillmarke.conf", "[client]\nport = 2468\n");
+  const std::string conf = write("client.conf", "# test settings\n[client]\nport = 4321\n");
+  const struct {
+    Args args;
+    const char* port;
+    bool reads_conf;
+  } cases[] = {{{"--help"}, "2468", false},
+               {{"-c", conf, "--help"}, "4321", true},
+               {{"-P", "99", "-c", conf, "-x"}, "99", true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    ProcessResult r = run(c.args);
+    EXPECT_EQ(r.out, usage(c.port));
+    EXPECT_EQ(r.status, -1);
+    EXPECT_EQ(r.err.find("Reading configuration from '" + conf + "'") != std::string::npos,
+              c.reads_conf);
+  }
+}
+
+// An unreadable query file, or a server that cannot be reached (port 1: nothing listens there),
+// ends the run before any query.
+TEST_F(ClientE2E, UnreadableFileOrNoConnectionRunsNoQuery) {
+  const std::string missing = (home_ / "missing.txt").string();
+  const ProcessResult unreadable = run({"--file=" + missing, "-v"});
+  EXPECT_EQ(unreadable.err, "\nError: cannot read file '" + missing + "'\n");
+  for (const ProcessResult& r : {unreadable, run_at(1, {"-e", "q"})}) {
+    EXPECT_EQ(r.status, -1);
+    EXPECT_EQ(r.out, "");
+  }
+}
+
+// Whole runs against a scripted server on the loopback address.
+std::string query_frame(const std::string& query) { return frame(be32(1) + var(query) + var("")); }
+
+// A successful answer with no columns and its table, and an error answer and its line.
+const std::string kOk = ack(1024, {}) + data(0);
+const std::string kOkTable = "+\n|\n|\n+\n+\n(0 rows)\n";
+const std::string kError = error_record(10, {"q", "1", "2", "bad"});
+const std::string kErrorLine = "Error: Parse error in q at line 1, column 2: bad.\n";
+
+// Which queries are sent (the text of -e before the file of -f before standard input), which run,
+// and the exit status: the server answers each query it reads with the next reply of the row.
+TEST_F(ClientE2E, QueriesSentAndTheExitStatus) {
+  const std::string file = write("queries.txt", "file_1; file_2;");
+  const struct {
+    Args args;
+    std::string input;
+    std::vector<std::pair<std::string, std::string>> exchange;  // query sent, reply
+    int status;
+    std::string out;
+    const char* log = "";
+  } cases[] = {
+      {{}, "", {}, 0, "", "KESTCLIENT:Creating connection to server\n"},  // connects all the same
+      {{"-f", file, "-e", "text"}, "stdin;", {{"text", kOk}}, 0, kOkTable},
+      {{"-f", file}, "stdin;", {{"file_1", kOk}, {"file_2", kOk}}, 0, kOkTable + kOkTable},
+      // The first failed query ends the run, unless -i; then the last query's status counts.
+      {{"-e", "a;b"}, "", {{"a", kError}}, -1, kErrorLine},
+      {{"-i", "-e", "a;b"}, "", {{"a", kError}, {"b", kOk}}, 0, kErrorLine + kOkTable},
+      {{"-i", "-e", "a;b"}, "", {{"a", kOk}, {"b", kError}}, -1, kOkTable + kErrorLine},
+      // A ping sends its fixed query instead of the given ones and prints nothing.
+      {{"-e", "a", "-f", file, "-pu"}, "", {{"Array([i=0])", kOk}}, 0, "", "Pinging server\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    ScriptedPeer peer;
+    std::vector<std::string> expected;
+    for (const auto& [query, reply] : c.exchange) {
+      peer.read_frame().send(reply);
+      expected.push_back(query_frame(query));
+    }
+    peer.read_to_end().start();
+    ProcessResult r = run_at(peer.port(), c.args, c.input);
+    EXPECT_TRUE(peer.join());
+    EXPECT_TRUE(r.exited);
+    EXPECT_EQ(r.status, c.status) << r.err;
+    EXPECT_EQ(peer.frames(), expected);
+    EXPECT_EQ(peer.received(), "");  // nothing more was sent
+    EXPECT_EQ(r.out, c.out);
+    EXPECT_THAT(r.err, HasSubstr(c.log));
+  }
+}
+
+// Against the reference server.
+
+// One column of every logical type, a nullable column and a constant.
+const char* const kAllTypes =
+    "Project(Array([i=3]), [b = bool(i), sc = schr(-(i)), uc = uchr(i), ss = ssht(i), "
+    "us = usht(i), si = i, ui = uint(i), sl = slng(i), ul = ulng(i), h = s128(i), x = uidx(i), "
+    "d1 = decimal(i, 2, 1), d2 = decimal(i, 4, 2), d4 = decimal(i, 9, 3), "
+    "d8 = decimal(i, 18, 2), d16 = decimal(i, 30, 2), dd = asdbl(decimal(i, 10, 2)), "
+    "f = flt(i), g = dbl(i), m = money(i), c = char('\\u20ac'), cs = char('abc'), v = str(i), "
+    "dt = date(+(i, 738945)), tm = time('12:34:56.5', 1), ts = timestamp('2024-02-29 01:02:03'), "
+    "ids = intervalds('1 01:01:01'), iym = intervalym('-1-2'), n = nullif(i, 1), k = 'const'])";
+
+// The head names each column's type; those with parameters show them.
+const char* const kTypeTexts[] = {"bool",    "s128",    "decimal(30,2)", "money",
+                                  "char(3)", "time(1)", "intervalym"};
+
+const char* const kValueTexts[] = {
+    "true", "-2",         "2.0",        "0.00",       "2.000", "$ 2.00", "\xE2\x82\xAC",
+    "abc",  "2023-03-03", "12:34:56.5", "1 01:01:01", "-1-02", "const",  "2024-02-29 01:02:03"};
+
+TEST_F(ClientE2E, EveryOutputModeShowsEveryType) {
+  start();
+  for (const char* mode : {"ascii", "unicode", "raw", "html"}) {
+    ProcessResult r = client({"-o", mode, "-e", kAllTypes});
+    ASSERT_TRUE(r.exited) << mode << r.err;
+    EXPECT_EQ(r.status, 0) << mode << r.err;
+    for (const char* v : kValueTexts) EXPECT_THAT(r.out, HasSubstr(v)) << mode;
+    if (std::string(mode) != "raw") {
+      for (const char* t : kTypeTexts) EXPECT_THAT(r.out, HasSubstr(t)) << mode;
+      EXPECT_THAT(r.out, HasSubstr("3 rows")) << mode;
+    } else {  // the null prints empty, the constant repeats on every row
+      EXPECT_THAT(r.out, HasSubstr("|0|const\n"));
+      EXPECT_THAT(r.out, HasSubstr("-1-02||const\n"));
+      EXPECT_THAT(r.out, HasSubstr("|2|const\n"));
+    }
+  }
+}
+
+// Server errors print from the client's templates: one with several parameters, one in the
+// acknowledgement, one in a data message after the head was printed. The server's codes for each
+// fault of a query are the refserver evaluation test's concern.
+TEST_F(ClientE2E, ServerErrorsArriveAsText) {
+  start();
+  const struct {
+    const char* query;
+    const char* text;
+  } cases[] = {
+      {"Array([i=1)", "Error: Parse error in query at line 1, column 11: expected ']', found ')'."},
+      {"Sort(x)", "Error: Unknown relation Sort."},
+      {"Project(Array([i=1]), [z = /(i, 0)])", "Error: Division by zero."},
+  };
+  for (const auto& c : cases) {
+    ProcessResult r = client({"-e", c.query});
+    ASSERT_TRUE(r.exited) << c.query;
+    EXPECT_EQ(r.status, -1) << c.query;
+    EXPECT_THAT(r.out, HasSubstr(c.text)) << c.query;
+  }
+}
+
+TEST_F(ClientE2E, PingAndAuthentication) {
+  const std::string key(64, 'k');
+  ServerOptions o;
+  o.passfile = write("server.key", key);
+  o.key = key;
+  start(o);
+  ProcessResult r = client({"-a", write("right.key", key), "-p"});
+  ASSERT_TRUE(r.exited);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  r = client({"-a", write("wrong.key", std::string(64, 'w')), "-e", "Array([i=1])"});
+  ASSERT_TRUE(r.exited);
+  EXPECT_EQ(r.status, -1);
+  EXPECT_THAT(r.out, HasSubstr("Error: Authentication failed: the key does not match."));
+}
+
+// Every fault the server can play, four rows to a data message.
+TEST_F(ClientE2E, FaultsEndTheClientWithAnError) {
+  enum End { kOk, kFailed, kAborted };
+  const struct {
+    Fault fault;
+    const char* expected;  // in standard output or standard error
+    End end;
+  } cases[] = {
+      {Fault::close_after_ack, "connection closed by server", kFailed},
+      {Fault::close_mid_frame, "Remote socket closed while receiving", kFailed},
+      {Fault::reset, "", kFailed},
+      {Fault::too_many_rows, "Received more tuples than vectorsize. Aborting.", kFailed},
+      {Fault::unknown_type, "Unknown type: nosuchtype", kAborted},
+      {Fault::short_frame, "network error while reading ack", kFailed},
+      {Fault::huge_frame, "network error while reading ack", kFailed},
+      // Messages that arrive one byte at a time read like whole ones.
+      {Fault::byte_by_byte, "0|0\n1|1\n2|2\n3|3\n4|4\n5|5\n6|6\n7|7\n8|8\n9|9\n", kOk},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.expected);
+    ServerOptions o;
+    o.fault = c.fault;
+    o.vector_size = 4;
+    start(o);
+    ProcessResult r = client({"-r", "-e", "Project(Array([i=10]), [i, s = str(i)])"});
+    EXPECT_FALSE(r.timed_out);
+    EXPECT_THAT(r.out + r.err, HasSubstr(c.expected));
+    if (c.end == kAborted) {  // abort(): a signal on POSIX, exit code 3 on Windows
+      EXPECT_TRUE(!r.exited || r.raw_code == 3) << r.err;
+    } else {
+      ASSERT_TRUE(r.exited) << r.err;
+      EXPECT_EQ(r.status, c.end == kOk ? 0 : -1);
+    }
+    if (c.end == kOk) {
+      EXPECT_EQ(r.out, c.expected);
+    }
+  }
+}
+
+}  // namespace
