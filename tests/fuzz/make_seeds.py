@@ -49,118 +49,99 @@ def write_all(target, payloads):
             f.write(payload.encode() if isinstance(payload, str) else payload)
 
 
-def receive_seeds():
-    streams = {
-        "ints": ack(4, [("i", 0, "int", "sint"), ("l", 0, "bigint", "slng")])
-        + data(2, ints("i", [1, -2]) + ints("q", [3, 2**62]))
-        + data(0),
-        "strings": ack(3, [("s", 0, "varchar(10)", "str")])
-        + data(3, var("") + var("x" * 255) + var("\u00e9t\u00e9"))
-        + data(0),
-        "const": ack(8, [("c", 1, "int", "sint"), ("v", 0, "smallint", "ssht")])
-        + data(3, ints("i", [7]) + ints("h", [1, 2, 3]))
-        + data(0),
-        "nulls": ack(2, [("", 0, "bool", "uchr"), ("d", 0, "decimal(12,2)", "slng")])
-        + data(2, bytes([0, 1]) + ints("q", [12345, 99]))
-        + data(0),
-        "floats": ack(2, [("f", 0, "flt", "flt"), ("d", 0, "dbl", "dbl"), ("m", 0, "money", "dbl")])
+STREAMS = {
+    "ints": ack(4, [("i", 0, "int", "sint"), ("l", 0, "bigint", "slng")])
+        + data(2, ints("i", [1, -2]) + ints("q", [3, 2**62])) + data(0),
+    "strings": ack(3, [("s", 0, "varchar(10)", "str")])
+        + data(3, var("") + var("x" * 255) + var("\u00e9t\u00e9")) + data(0),
+    "const": ack(8, [("c", 1, "int", "sint"), ("v", 0, "smallint", "ssht")])
+        + data(3, ints("i", [7]) + ints("h", [1, 2, 3])) + data(0),
+    "nulls": ack(2, [("", 0, "bool", "uchr"), ("d", 0, "decimal(12,2)", "slng")])
+        + data(2, bytes([0, 1]) + ints("q", [12345, 99])) + data(0),
+    "floats": ack(2, [("f", 0, "flt", "flt"), ("d", 0, "dbl", "dbl"), ("m", 0, "money", "dbl")])
         + data(2, ints("f", [1.5, -0.0]) + ints("d", [3.25, 1e300]) + ints("d", [1234.0, -5.0]))
         + data(0),
-        "dates": ack(1, [("d", 0, "date", "sint"), ("t", 0, "time(3)", "slng"),
+    "dates": ack(1, [("d", 0, "date", "sint"), ("t", 0, "time(3)", "slng"),
                          ("ts", 0, "timestamp(6)", "slng")])
         + data(1, ints("i", [19000]) + ints("q", [3600123]) + ints("q", [1700000000000000]))
         + data(0),
-        "wide": ack(1, [("w", 0, "decimal(30,4)", "s128"), ("h", 0, "s128", "s128")])
-        + data(1, ints("q", [5, 0]) + ints("q", [-1, -1]))
-        + data(0),
-        "zero_columns": ack(5, []) + data(3) + data(0),
-        "no_rows": ack(4, [("a", 0, "int", "sint")]) + data(0),
-        "ack_error": error(1, ["table", "t1"]),
-        "data_error": ack(4, [("a", 0, "int", "sint")]) + data(1, ints("i", [1])) + error(7, ["x"]),
-        "too_many_rows": ack(1, [("a", 0, "int", "sint")]) + data(2, ints("i", [1, 2])),
-        "negative_rows": ack(1, [("a", 0, "int", "sint")]) + data(-1),
-        "empty_frame": frame(b""),
-        "closed_mid_stream": ack(4, [("a", 0, "int", "sint")]) + data(1, ints("i", [1])),
-    }
-    write_all("receive", {"%s_%d" % (name, mode): bytes([mode, 7 * mode + 3]) + stream
-                          for name, stream in streams.items() for mode in range(4)})
+    "wide": ack(1, [("w", 0, "decimal(30,4)", "s128"), ("h", 0, "s128", "s128")])
+        + data(1, ints("q", [5, 0]) + ints("q", [-1, -1])) + data(0),
+    "zero_columns": ack(5, []) + data(3) + data(0),
+    "no_rows": ack(4, [("a", 0, "int", "sint")]) + data(0),
+    "ack_error": error(1, ["table", "t1"]),
+    "data_error": ack(4, [("a", 0, "int", "sint")]) + data(1, ints("i", [1])) + error(7, ["x"]),
+    "too_many_rows": ack(1, [("a", 0, "int", "sint")]) + data(2, ints("i", [1, 2])),
+    "negative_rows": ack(1, [("a", 0, "int", "sint")]) + data(-1),
+    "empty_frame": frame(b""),
+    "closed_mid_stream": ack(4, [("a", 0, "int", "sint")]) + data(1, ints("i", [1])),
+}
+
+SCRIPTS = {
+    "two": "a; b;",
+    "no_semicolon": "a; b",
+    "empties": ";;; a;",
+    "quoted": "select('x;y');",
+    "heredoc": "Array(<<<END\nx;y\nEND\n);\nnext;",
+    "heredoc_eq": "q(<=<E\n;\nE\n);",
+    "comments": "# c\nq;\n/* ; */ r; // t\ns;",
+    "escapes": "'\\08' '\\x41' '\\u00e9' '\\x' '\\n\\t';",
+    "numbers": "1.2.3 12. 7 x_1 fetchN FETCHN true as;",
+    "operators": "a != b <= c >= d << e >> f && g || h == i = j ! k;",
+    "utf8": "caf\u00e9 'na\u00efve';",
+    "bad_utf8": "x\xff\xfe 'a\xc3';",
+    "leading_space": "  \n\tq ;",
+    "unterminated": "'open string",
+    "control_start": "\x01",
+    "real_query": "Array([i=0]);\nproject(Array([i=10]), [j = i * 2]);\n",
+}
+SCRIPTS["bad_utf8"] = SCRIPTS["bad_utf8"].encode("latin-1")
+
+SETTINGS = {
+    "client": "[client]\nport = 5000\nhost = 127.0.0.1\noutput_mode = html\n",
+    "sizes": "[memory]\nmax_mem = 2G\nbuffer = 512 KB\n",
+    "comments": "# only a comment\n\n[client] # trailing\nconnection_retries = 7\n",
+    "quoted": "[client]\npassfile = \"/tmp/key file\"\n",
+    "slash": "[client]\nhost = a/b/c\n/ stray\n",
+    "bad": "[client\nport = = 3\n]]\n",
+    "unknown": "[nosuchgroup]\nfoo = bar\n[client]\nnosuch = 1\n",
+    "out_of_range": "[client]\nport = 70000\nconnection_retries = -1\n",
+}
+SETTINGS["long_word"] = "[client]\nhost = " + "h" * 5000 + "\n"
+
+LOG_CONFIGS = {
+    "styles": "stdout = color:comment\nstderr = showlevel:pid\nfile = timestamp:showlevel\n",
+    "rules": "default = debug:stdout\nNETBUFFER = trace:red:file\nfilename = run.log\n",
+    "facility_kw": "facility KESTCLIENT = warn:stderr, LTYPE = error\n",
+    "quoted": "filename = \"with space.log\"\n",
+    "bad": "stdout = nosuchstyle\n",
+    "commas": "default = info,MEMCONTEXT = trace:blue:stderr:stdout\n",
+}
+LOG_CONFIGS["many_rules"] = "".join("F%d = info\n" % i for i in range(140))
 
 
-def split_seeds():
-    scripts = {
-        "two": "a; b;",
-        "no_semicolon": "a; b",
-        "empties": ";;; a;",
-        "quoted": "select('x;y');",
-        "heredoc": "Array(<<<END\nx;y\nEND\n);\nnext;",
-        "heredoc_eq": "q(<=<E\n;\nE\n);",
-        "comments": "# c\nq;\n/* ; */ r; // t\ns;",
-        "escapes": "'\\08' '\\x41' '\\u00e9' '\\x' '\\n\\t';",
-        "numbers": "1.2.3 12. 7 x_1 fetchN FETCHN true as;",
-        "operators": "a != b <= c >= d << e >> f && g || h == i = j ! k;",
-        "utf8": "caf\u00e9 'na\u00efve';",
-        "bad_utf8": "x\xff\xfe 'a\xc3';",
-        "leading_space": "  \n\tq ;",
-        "unterminated": "'open string",
-        "control_start": "\x01",
-        "real_query": "Array([i=0]);\nproject(Array([i=10]), [j = i * 2]);\n",
-    }
-    scripts["bad_utf8"] = scripts["bad_utf8"].encode("latin-1")
-    write_all("split", scripts)
+LTYPES = ["decimal(12,2)", "varchar(5)", "char", "time(3)", "str", "float(4)", "timestamp(9)",
+          "nosuch", "decimal(", "int)"]
+S128S = ["0", "-1", "170141183460469231731687303715884105727",
+         "-170141183460469231731687303715884105728", "170141183460469231731687303715884105728",
+         "12abc", "-", ""]
+VALUES = [(5, "-2147483648"), (11, "12.345"), (43, "12.345"), (17, "2024-02-29"),
+          (18, "23:59:59.123"), (19, "2024-01-01 00:00:00"), (14, "$1,234.56"), (12, "1e10"),
+          (0, "yes"), (20, "3 12:00:00"), (21, "1-2")]
+TYPES = {"ltype_%d" % i: "\0\0\0\0" + t for i, t in enumerate(LTYPES)}
+TYPES.update({"s128_%d" % i: "\1\0\0\0" + t for i, t in enumerate(S128S)})
+TYPES.update({"value_%d" % i: bytes([2, pick, 12, 3]) + text.encode()
+              for i, (pick, text) in enumerate(VALUES)})
 
-
-def settings_seeds():
-    files = {
-        "client": "[client]\nport = 5000\nhost = 127.0.0.1\noutput_mode = html\n",
-        "sizes": "[memory]\nmax_mem = 2G\nbuffer = 512 KB\n",
-        "comments": "# only a comment\n\n[client] # trailing\nconnection_retries = 7\n",
-        "quoted": "[client]\npassfile = \"/tmp/key file\"\n",
-        "slash": "[client]\nhost = a/b/c\n/ stray\n",
-        "bad": "[client\nport = = 3\n]]\n",
-        "unknown": "[nosuchgroup]\nfoo = bar\n[client]\nnosuch = 1\n",
-        "out_of_range": "[client]\nport = 70000\nconnection_retries = -1\n",
-    }
-    files["long_word"] = "[client]\nhost = " + "h" * 5000 + "\n"
-    write_all("settings", files)
-
-
-def logconfig_seeds():
-    texts = {
-        "styles": "stdout = color:comment\nstderr = showlevel:pid\nfile = timestamp:showlevel\n",
-        "rules": "default = debug:stdout\nNETBUFFER = trace:red:file\nfilename = run.log\n",
-        "facility_kw": "facility KESTCLIENT = warn:stderr, LTYPE = error\n",
-        "quoted": "filename = \"with space.log\"\n",
-        "bad": "stdout = nosuchstyle\n",
-        "commas": "default = info,MEMCONTEXT = trace:blue:stderr:stdout\n",
-    }
-    texts["many_rules"] = "".join("F%d = info\n" % i for i in range(140))
-    write_all("logconfig", texts)
-
-
-def types_seeds():
-    ltypes = ["decimal(12,2)", "varchar(5)", "char", "time(3)", "str", "float(4)",
-              "timestamp(9)", "nosuch", "decimal(", "int)"]
-    s128s = ["0", "-1", "170141183460469231731687303715884105727",
-             "-170141183460469231731687303715884105728",
-             "170141183460469231731687303715884105728", "12abc", "-", ""]
-    values = [(5, "-2147483648"), (11, "12.345"), (43, "12.345"), (17, "2024-02-29"),
-              (18, "23:59:59.123"), (19, "2024-01-01 00:00:00"), (14, "$1,234.56"),
-              (12, "1e10"), (0, "yes"), (20, "3 12:00:00"), (21, "1-2")]
-    seeds = {"ltype_%d" % i: "\0\0\0\0" + t for i, t in enumerate(ltypes)}
-    seeds.update({"s128_%d" % i: "\1\0\0\0" + t for i, t in enumerate(s128s)})
-    seeds.update({"value_%d" % i: bytes([2, pick, 12, 3]) + text.encode()
-                  for i, (pick, text) in enumerate(values)})
-    write_all("types", seeds)
-
-
-def options_seeds():
-    lines = [["-e", "Array([i=0])", "-P", "5000"], ["--port=5000", "--host", "127.0.0.1"],
-             ["-pi", "-r"], ["-P5000", "-o", "html"], ["--nosuch"], ["stray"], ["-e"],
-             ["--ping=1"], ["-uv"], ["--output=raw", "-n", "--ignore-err", "-?"]]
-    write_all("options", {"args_%d" % i: "\0".join(args) for i, args in enumerate(lines)})
-
+COMMAND_LINES = [["-e", "Array([i=0])", "-P", "5000"], ["--port=5000", "--host", "127.0.0.1"],
+                 ["-pi", "-r"], ["-P5000", "-o", "html"], ["--nosuch"], ["stray"], ["-e"],
+                 ["--ping=1"], ["-uv"], ["--output=raw", "-n", "--ignore-err", "-?"]]
 
 if __name__ == "__main__":
-    for make in (receive_seeds, split_seeds, settings_seeds, logconfig_seeds, types_seeds,
-                 options_seeds):
-        make()
+    write_all("receive", {"%s_%d" % (name, mode): bytes([mode, 7 * mode + 3]) + stream
+                          for name, stream in STREAMS.items() for mode in range(4)})
+    write_all("split", SCRIPTS)
+    write_all("settings", SETTINGS)
+    write_all("logconfig", LOG_CONFIGS)
+    write_all("types", TYPES)
+    write_all("options", {"args_%d" % i: "\0".join(a) for i, a in enumerate(COMMAND_LINES)})

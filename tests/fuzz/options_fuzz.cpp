@@ -1,4 +1,3 @@
-// Fuzz target: options (see fuzz/support/text_harness.h for the input layout and the checks).
 #include "fuzz/support/text_harness.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -1,4 +1,3 @@
-// Fuzz target: split (see fuzz/support/split_harness.h for the input layout and the checks).
 #include "fuzz/support/split_harness.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -170,7 +170,7 @@ TEST(AllocFailureDeathTest, EveryAllocationOfReceptionAndSplitting) {
          receive_stream(stream, OUTPUT_ASCII);
        }},
       {"splitting a string", [] { drain(query_splitter_create_string(kScript)); }},
-      {"splitting a file",
+      {"splitting a file",  // the text grows byte by byte inside the scanner's reads
        [] {
          std::FILE* f = std::tmpfile();
          if (f == nullptr) return;

@@ -21,8 +21,7 @@ struct ProcessResult {
   // What the child wrote; on Windows its text-mode "\r\n" line ends are read back as "\n".
   std::string out;
   std::string err;
-  // True when the child ended by returning from main or calling exit (not by a signal, a crash or
-  // the time limit). On Windows abort() is an exit with status 3, the C runtime's own.
+  // The child returned from main or called exit (on Windows abort() too: an exit with status 3).
   bool exited = false;
   // The exit status read as a signed byte on every platform: `return -1` from main gives -1.
   int status = 0;
@@ -31,6 +30,5 @@ struct ProcessResult {
   std::string error;       // why the child could not be started, else empty
 };
 
-// Starts argv[0] (a path; no search of PATH) with the arguments argv[1..], waits until it ends or
-// the time limit passes, and returns what it wrote and how it ended.
+// Starts argv[0] (a path, not searched for) with the arguments argv[1..] and waits for its end.
 ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOptions& options = {});

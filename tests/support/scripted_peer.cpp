@@ -64,10 +64,6 @@ void hold_message(NetBuffer* nb, std::string_view body) {
 
 namespace {
 
-uint32_t address_of(const ScriptedPeer::Options& options) {
-  return options.address ? options.address : net_loopback_address();
-}
-
 bool read_exact(int32_t s, char* dest, size_t len) {
   for (size_t at = 0; at < len;) {
     if (net_wait_readable(s, ScriptedPeer::kStepTimeoutUs) != 1) return false;
@@ -82,7 +78,8 @@ bool read_exact(int32_t s, char* dest, size_t len) {
 
 ScriptedPeer::ScriptedPeer(Options options) : options_(options) {
   network_init();
-  listener_ = net_bind(address_of(options_), 0, true);
+  if (options_.address == 0) options_.address = net_loopback_address();
+  listener_ = net_bind(options_.address, 0, true);
   if (listener_ != kNetNoSocket) port_ = net_local_port(listener_);
 }
 
@@ -177,7 +174,7 @@ bool ScriptedPeer::join() {
 int32_t ScriptedPeer::connect_client() const {
   network_init();
   int32_t s = net_tcp_socket();
-  if (s != kNetNoSocket && net_connect(s, address_of(options_), port_) != 0) {
+  if (s != kNetNoSocket && net_connect(s, options_.address, port_) != 0) {
     net_close(s);
     return kNetNoSocket;
   }

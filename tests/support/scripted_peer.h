@@ -1,14 +1,8 @@
 // Test fakes for the framed wire protocol: byte builders for fields and server messages, and a
-// loopback peer thread that accepts one connection and plays a script of steps:
-//
-//   kest_test::ScriptedPeer peer({.chunk = 1, .pause_us = 100});  // drip one byte at a time
-//   peer.read_frame().send(kest_test::frame(kest_test::be32(7))).close();
-//   peer.start();
-//   NetBufferInit(&nb, peer.connect_client());  // or a client process given peer.port()
-//   ASSERT_TRUE(peer.join());                   // the script ran to its end
-//
-// Every wait in the peer is bounded (kStepTimeoutUs per step): a misbehaving client fails a test
-// instead of hanging it.
+// loopback peer thread that accepts one connection and plays a script of steps, e.g.
+// `peer.read_frame().send(frame(be32(7))).close(); peer.start();`, then a client connects (a
+// process given port(), or connect_client()) and `peer.join()` tells whether the script ran to
+// its end. Every wait in the peer is bounded (kStepTimeoutUs per step).
 #pragma once
 
 #include <cstddef>

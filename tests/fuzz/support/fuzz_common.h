@@ -1,5 +1,5 @@
-// Set-up shared by every fuzz harness and by the replay test: what the client's run driver does
-// before its first query (the type registry, the socket library), done once per process.
+// What the client's run driver sets up before its first query (the type registry, the socket
+// library), once per process, for every fuzz harness and the replay test.
 #pragma once
 
 #include <string>
@@ -18,8 +18,7 @@ inline void fuzz_init() {
   (void)done;
 }
 
-// What every fuzz target calls with a check's verdict: an empty text passes, any other text is
-// reported and ends the run as a crash (fuzz_main.cpp).
+// An empty verdict of a check passes; any other is reported and ends the run as a crash.
 void fail_if(const std::string& why);
 
 }  // namespace kest_fuzz

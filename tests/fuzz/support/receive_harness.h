@@ -55,7 +55,6 @@ struct StreamModel {
   StreamVerdict verdict = StreamVerdict::kRuns;
   std::vector<int64_t> rows;  // what each receive_data returns, in order
   bool ack_error = false;     // the acknowledgement carried an error record
-  bool has_ack = false;       // an acknowledgement frame arrived at all
   int64_t printed = 0;        // rows printed, all data messages together
 };
 
@@ -88,8 +87,8 @@ struct FieldReader {
   }
 };
 
-// Takes the next frame off `stream`: true with its body, false when NetBufferRecv would not
-// deliver one (end of stream, a bad length field, a frame cut short).
+// Takes the next frame off `stream`; false where NetBufferRecv delivers none (an end, a bad
+// length).
 inline bool next_frame(std::string_view* stream, std::string_view* body) {
   FieldReader header{*stream};
   uint32_t total = 0;
@@ -198,7 +197,6 @@ inline StreamModel model_stream(std::string_view stream) {
   StreamModel m;
   std::string_view body;
   if (!next_frame(&stream, &body)) return m;
-  m.has_ack = true;
   FieldReader ack{body};
   std::vector<ModelColumn> cols;
   int64_t vector_size = 0;
@@ -311,8 +309,7 @@ inline void receive_query(ClientConnection* conn, std::FILE* out, int mode, Rece
   queryres_free();
 }
 
-// Runs the client's reception of one query over `stream` delivered as `d` says, with the printer
-// writing to a temporary file in `mode`.
+// The client's reception of `stream` delivered as `d` says, printed to a temporary file.
 inline ReceiveRun run_reception(std::string_view stream, int mode, Delivery d) {
   ReceiveRun run;
   int32_t client = -1, peer = -1;
@@ -348,9 +345,8 @@ inline std::string join_rows(const std::vector<int64_t>& rows) {
   return s;
 }
 
-// The whole check for one fuzz input. Returns an empty text when it holds, else what went wrong.
-// `skipped` tells the caller the model ruled the input out (it must abort, or asks for more
-// memory than the budget).
+// The whole check for one fuzz input: empty when it holds, else what went wrong. `skipped` tells
+// the caller the model ruled the input out (it must abort, or is over a budget).
 inline std::string check_receive(const uint8_t* data, size_t size, bool* skipped = nullptr) {
   fuzz_init();
   if (skipped) *skipped = true;
@@ -370,7 +366,7 @@ inline std::string check_receive(const uint8_t* data, size_t size, bool* skipped
   const std::string outcome = whole.events + join_rows(whole.rows);
   if (outcome != split.events + join_rows(split.rows))
     return "different outcomes: " + outcome + "/ " + split.events + join_rows(split.rows);
-  if (!model.ack_error && model.has_ack && whole.rows != model.rows)
+  if (whole.rows != model.rows)
     return "row counts " + join_rows(whole.rows) + "differ from the stream's " +
            join_rows(model.rows);
   return {};

@@ -81,8 +81,7 @@ inline SplitPrediction predict_split(std::string_view bytes) {
   return p;
 }
 
-// Takes the queries of `qs` (one more than predicted at most) and frees it; empty when the count
-// is the predicted one, else what went wrong.
+// Takes the queries of `qs` (at most one more than predicted), frees it, and checks the count.
 inline std::string split_all(QuerySplitter* qs, const SplitPrediction& p, const std::string& mode,
                              std::vector<std::string>* queries) {
   if (qs == nullptr) return mode + " splitter could not be created";

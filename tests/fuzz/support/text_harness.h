@@ -27,8 +27,6 @@
 
 namespace kest_fuzz {
 
-// ---- settings files ----
-
 // What the client reads of a store filled from `source` (a text, or the path of a file), through
 // the getters it uses, and the parser's error count.
 inline std::string parse_settings(const char* source, int is_file) {
@@ -66,8 +64,6 @@ inline std::string check_settings(const uint8_t* data, size_t size) {
   return {};
 }
 
-// ---- logger configuration ----
-
 inline std::string check_log_config(const uint8_t* data, size_t size) {
   const LogConfig c = parse_log_config({reinterpret_cast<const char*>(data), size});
   if (c.rule_count < 1 || c.rule_count > kMaxFacilityRules) return "rule count out of range";
@@ -83,8 +79,6 @@ inline std::string check_log_config(const uint8_t* data, size_t size) {
   (void)log_file_path(c, "logs");
   return {};
 }
-
-// ---- types and values ----
 
 // __int128 reading of the same text as s128_from_string_ptr: optional '-', then digits.
 inline bool s128_model(const char* text, __int128* value) {
@@ -188,8 +182,6 @@ inline std::string check_types(const uint8_t* data, size_t size) {
       return check_value(ltype_parse(type_text(data[1], data[2], data[3]).c_str()), text.c_str());
   }
 }
-
-// ---- options ----
 
 // The arguments are the NUL-separated pieces of the input, after the program name.
 inline std::string check_options(const uint8_t* data, size_t size) {
