@@ -2,6 +2,7 @@
 // value printer shares. Header-only, so that the per-value paths inline them.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -47,4 +48,23 @@ inline char* write_low_digits_backwards(char* end, uint64_t& a, int count) {
     a /= 10;
   }
   return end;
+}
+
+static_assert(std::endian::native == std::endian::little, "digit words are laid out little-endian");
+
+// v < 10^8 as eight ASCII digits, most significant first in memory, in one 64-bit word: the
+// halves, quarters and single digits are split in all lanes at once by multiplications that
+// divide exactly below 10^4 (by 100) and below 100 (by 10).
+inline uint64_t eight_digits_word(uint32_t v) {
+  uint64_t x = v / 10000 | uint64_t{v % 10000} << 32;
+  const uint64_t hundreds = (x * 5243) >> 19 & 0x0000007F0000007Full;
+  x = hundreds | (x - hundreds * 100) << 16;
+  const uint64_t tens = (x * 103) >> 10 & 0x000F000F000F000Full;
+  x = tens | (x - tens * 10) << 8;
+  return x + 0x3030303030303030ull;
+}
+
+// The last `count` (1 to 8) digits of eight_digits_word(v), in its first bytes; zero bytes follow.
+inline uint64_t last_digits_word(uint32_t v, int count) {
+  return eight_digits_word(v) >> (8 * (8 - count));
 }

@@ -529,10 +529,16 @@ int signed_text(char* buffer, size_t size, const PhysicalType*, uint32_t, const 
   const int64_t v = load<T>(value);
   if (size < kLongestNumber) return int64_to_string(buffer, size, v);
   const uint64_t a = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
-  char* end = buffer + (v < 0) + decimal_digit_count(a);
-  write_digits_backwards(end, a);
-  if (v < 0) buffer[0] = '-';
+  const int digits = decimal_digit_count(a);
+  char* end = buffer + (v < 0) + digits;
+  if (digits <= 8) {  // one word, stored whole: the buffer has room past the text
+    const uint64_t word = last_digits_word(static_cast<uint32_t>(a), digits);
+    std::memcpy(end - digits, &word, sizeof word);
+  } else {
+    write_digits_backwards(end, a);
+  }
   *end = 0;
+  if (v < 0) buffer[0] = '-';
   return static_cast<int>(end - buffer);
 }
 
@@ -545,12 +551,24 @@ int decimal_text(char* buffer, size_t size, const PhysicalType*, uint32_t type, 
   // The digits below the point always show, the integer part at least as "0".
   uint64_t a = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
   const int digits = decimal_digit_count(a);
-  char* end = buffer + (v < 0) + (digits > scale ? digits : scale + 1) + 1;
-  char* p = write_low_digits_backwards(end, a, scale);
-  *--p = '.';
-  write_digits_backwards(p, a);
-  if (v < 0) buffer[0] = '-';
+  const int shown = digits > scale ? digits : scale + 1;
+  char* const start = buffer + (v < 0);
+  char* end = start + shown + 1;
+  if (shown <= 8) {  // one word: the integer digits, the point, the rest shifted past it (stored
+    // whole: the buffer has room past the text)
+    const uint64_t word = last_digits_word(static_cast<uint32_t>(a), shown);
+    const int whole = shown - scale;
+    std::memcpy(start, &word, sizeof word);
+    start[whole] = '.';
+    const uint64_t fraction = word >> (8 * whole);
+    std::memcpy(start + whole + 1, &fraction, sizeof fraction);
+  } else {
+    char* p = write_low_digits_backwards(end, a, scale);
+    *--p = '.';
+    write_digits_backwards(p, a);
+  }
   *end = 0;
+  if (v < 0) buffer[0] = '-';
   return static_cast<int>(end - buffer);
 }
 

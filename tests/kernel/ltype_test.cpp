@@ -257,20 +257,30 @@ TEST(ValueTextFn, SameTextAsValueToStringForEveryPair) {
         unsigned char value[16];
         for (unsigned char& b : value) b = static_cast<unsigned char>(rng());
         if (i % 4 == 0) std::memset(value + 4, value[3] & 0x80 ? 0xFF : 0, 12);  // small values
+        if (i % 4 == 1) {  // every digit count up to ten, either sign
+          int64_t small = static_cast<int64_t>(rng() % 10000000000ull);
+          for (uint64_t cut = rng() % 10; cut > 0; --cut) small /= 10;
+          if (rng() & 1) small = -small;
+          std::memcpy(value, &small, sizeof small);
+          std::memset(value + 8, small < 0 ? 0xFF : 0, 8);
+        }
         if (id == LTYPE_DATE && i % 2) {  // days of the common years
           const int32_t day = 700000 + static_cast<int32_t>(rng() % 100000);
           std::memcpy(value, &day, sizeof day);
           std::memset(value + 4, 0, 12);
         }
         if (name == "str") std::memcpy(value, &texts[i % 3], sizeof texts[0]);
+        // The same text and result; the bytes past the text may differ (a conversion may use
+        // them), but nothing at or past `size` is touched.
         for (size_t size : {size_t{128}, size_t{6}}) {
-          char want[128], got[128];
+          char want[160], got[160];
           std::memset(want, 'x', sizeof want);
           std::memset(got, 'x', sizeof got);
           const int w = value_to_string(want, size, physical, type, value);
           ASSERT_EQ(fn(got, size, physical, type, value), w) << name << " " << type_name;
-          ASSERT_EQ(std::memcmp(got, want, sizeof want), 0)
-              << name << " " << type_name << ": " << want << " vs " << got;
+          ASSERT_EQ(std::string(got), std::string(want)) << name << " " << type_name;
+          ASSERT_EQ(std::string(got + size, sizeof got - size), std::string(sizeof got - size, 'x'))
+              << name << " " << type_name << " wrote past the buffer";
         }
       }
     }

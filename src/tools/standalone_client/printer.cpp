@@ -248,6 +248,16 @@ char* put(char* w, const char (&text)[N]) {
   return w + N - 1;
 }
 
+// Blanks over at least `width` bytes at `at`: one fixed short run for the usual widths, the
+// widest run otherwise (the cell room covers either).
+void blanks(char* at, size_t width) {
+  if (width <= kShortText) {
+    std::memset(at, ' ', kShortText);
+  } else {
+    std::memset(at, ' ', kMaxWidth);
+  }
+}
+
 // Writes the `len` bytes of `text` right-aligned in `width` bytes at `cell`; returns the end of
 // the cell. `text` is a value slot: a short text moves as one fixed block over a fixed run of
 // blanks, which needs no call into the C library.
@@ -257,7 +267,7 @@ char* place_right(char* cell, const char* text, size_t len, size_t width) {
     return cell + len;
   }
   const size_t pad = width - len;
-  std::memset(cell, ' ', kMaxWidth);
+  blanks(cell, width);
   if (len <= kShortText) {
     std::memcpy(cell + pad, text, kShortText);
   } else {
@@ -274,7 +284,7 @@ char* place_left(char* cell, const char* text, size_t len, size_t width) {
   } else {
     std::memcpy(cell, text, len);
   }
-  std::memset(cell + len, ' ', kMaxWidth);
+  blanks(cell + len, width);
   return cell + len + (chars < width ? width - chars : 0);
 }
 
