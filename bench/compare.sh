@@ -62,11 +62,9 @@ trap 'exit 130' INT TERM
 "${CXX:-c++}" -O2 -std=c++20 -o "$tmp/rusage" bench/compare/rusage.cpp
 
 # The reference server picks its own free port and says which.
-"$BIN/kest_refserver" -P 0 -h 127.0.0.1 >"$tmp/refserver.out" 2>"$tmp/refserver.err" &
-server_pid=$!
-for _ in $(seq 100); do grep -q '^listening on ' "$tmp/refserver.out" && break; sleep 0.1; done
-kest_port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$tmp/refserver.out")
-[ -n "$kest_port" ] || { echo "kest_refserver did not start" >&2; cat "$tmp/refserver.err" >&2; exit 1; }
+. scripts/refserver-lib.sh
+start_refserver "$BIN/kest_refserver" "$tmp/refserver.out" || { server_pid=$server; exit 1; }
+server_pid=$server kest_port=$port
 
 # PostgreSQL: initdb refuses root, so the cluster belongs to "nobody" when run as root.
 mkdir -p "$tmp/pg" "$tmp/sock"

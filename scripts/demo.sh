@@ -9,12 +9,10 @@ cmake --build --preset release -j2 --target kest_client kest_refserver >/dev/nul
 bin=build/release
 
 out=$(mktemp)
-"$bin/kest_refserver" -P 0 >"$out" 2>/dev/null &
-server=$!
-trap 'kill "$server" 2>/dev/null || true; wait "$server" 2>/dev/null || true; rm -f "$out"' EXIT
-for _ in $(seq 50); do grep -q '^listening on ' "$out" && break; sleep 0.1; done
-port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$out")
-[ -n "$port" ] || { echo "the reference server did not start" >&2; exit 1; }
+server=""
+trap '[ -z "$server" ] || { kill "$server" 2>/dev/null; wait "$server" 2>/dev/null; }; rm -f "$out"' EXIT
+. scripts/refserver-lib.sh
+start_refserver "$bin/kest_refserver" "$out"
 echo "reference server listening on 127.0.0.1:$port"
 
 client() { "$bin/kest_client" -h 127.0.0.1 -P "$port" "$@" 2>/dev/null; }

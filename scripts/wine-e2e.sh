@@ -12,12 +12,10 @@ for f in "$linux/kest_refserver" "$linux/kest_client" "$windows/kest_client.exe"
 done
 
 work=$(mktemp -d)
-"$linux/kest_refserver" -P 0 >"$work/server.out" 2>/dev/null &
-server=$!
-trap 'kill "$server" 2>/dev/null; wait "$server" 2>/dev/null; rm -rf "$work"' EXIT
-for _ in $(seq 100); do grep -q '^listening on ' "$work/server.out" && break; sleep 0.1; done
-port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/server.out")
-[ -n "$port" ] || { echo "the reference server did not start" >&2; exit 2; }
+server=""
+trap '[ -z "$server" ] || { kill "$server" 2>/dev/null; wait "$server" 2>/dev/null; }; rm -rf "$work"' EXIT
+. scripts/refserver-lib.sh
+start_refserver "$linux/kest_refserver" "$work/server.out" || exit 2
 
 table="$(sed -n '/^Project(Array(\[i=4\])/,/^\]);/p' scripts/demo.kest)"
 types="Project(Array([i=3]), [b = bool(i), c = schr(-(i, 1)), u = uchr(i), s = ssht(i), us = usht(i),
