@@ -152,16 +152,20 @@ void setup_columns(ResultPrinter& p, int32_t ncols, char* const* names,
 
 // Writes the text of a cell at `dst`, which has room for kValueTextSize bytes, and returns its
 // length. A text too long for the buffer is cut to what the conversion left in it.
-size_t cell_text(const Column& c, void* const* data, int64_t row, int32_t column, char* dst) {
+// The length of a text the conversion cut to the buffer (kept apart from the per-cell path).
+[[gnu::noinline]] size_t cut_text_length(const char* dst) {
+  return static_cast<size_t>(std::find(dst, dst + kValueTextSize - 1, '\0') - dst);
+}
+
+inline size_t cell_text(const Column& c, void* const* data, int64_t row, int32_t column,
+                        char* dst) {
   if (c.indicator >= 0) {
     const auto* flags = static_cast<const unsigned char*>(data[c.indicator]);
     if (flags[c.indicator_const ? 0 : row] != 0) return 0;
   }
   const char* value = static_cast<const char*>(data[column]) + (c.isconst ? 0 : row * c.size);
   const int n = c.text(dst, kValueTextSize, c.type, c.ltype, value);
-  if (n < 0 || static_cast<size_t>(n) >= kValueTextSize) {
-    return static_cast<size_t>(std::find(dst, dst + kValueTextSize - 1, '\0') - dst);
-  }
+  if (n < 0 || static_cast<size_t>(n) >= kValueTextSize) return cut_text_length(dst);
   return static_cast<size_t>(n);
 }
 
