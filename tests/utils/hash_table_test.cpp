@@ -146,4 +146,18 @@ TEST(HashTable, RandomOperationsMatchAnUnorderedMap) {
   }
 }
 
+// String keys compare by text, not by pointer, and a null key is a key of its own.
+TEST(HashTable, StringKeysCompareTextsAndAllowNull) {
+  TablePtr t(hash_table_create_with_string_keys(sizeof(int)));
+  std::string a1 = "alpha", a2 = "alpha";
+  const char* keys[] = {a1.c_str(), nullptr, a2.c_str(), ""};
+  const int values[] = {1, 3};
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(hash_table_insert(t.get(), &keys[i], &values[i]), 0);
+  EXPECT_EQ(*static_cast<int*>(hash_table_find(t.get(), &keys[2])), 1);  // same text, other pointer
+  EXPECT_EQ(*static_cast<int*>(hash_table_find(t.get(), &keys[1])), 3);
+  EXPECT_EQ(hash_table_find(t.get(), &keys[3]), nullptr);
+  EXPECT_NE(hash_table_delete(t.get(), &keys[1]).key, nullptr);
+  EXPECT_EQ(hash_table_find(t.get(), &keys[1]), nullptr);
+}
+
 }  // namespace

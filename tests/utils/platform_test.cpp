@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <random>
 #include <thread>
 
@@ -104,6 +105,25 @@ TEST(VirtualMemory, ResizeGrowsInPlaceWithinTheReservationAndMovesBeyondIt) {
   for (int i = 0; i < 4096; ++i) ASSERT_EQ(moved[i], static_cast<unsigned char>(i * 7)) << i;
   std::memset(moved, 3, 3u << 20);
   vm_release(moved, reserved);
+}
+
+// The counters of a lock nobody waits for: every acquisition counted, no wait recorded.
+TEST(TimedLock, UncontendedUseNeverTouchesTheWaitCounters) {
+  TimedLock* lock = timed_lock_create();
+  ASSERT_NE(lock, nullptr);
+  for (int i = 0; i < 100; ++i) {
+    timed_lock_acquire(lock);
+    timed_lock_release(lock);
+  }
+  const TimedLockStats s = timed_lock_stats(lock);
+  EXPECT_EQ(s.acquisitions, 100u);
+  EXPECT_EQ(s.contended, 0u);
+  EXPECT_EQ(s.wait_min, std::numeric_limits<uint64_t>::max());
+  EXPECT_EQ(s.wait_max, 0u);
+  EXPECT_EQ(s.wait_total, 0u);
+  EXPECT_LE(s.hold_min, s.hold_max);
+  EXPECT_GE(s.hold_total, s.hold_max);
+  timed_lock_destroy(lock);
 }
 
 }  // namespace

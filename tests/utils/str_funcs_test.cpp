@@ -93,4 +93,19 @@ TEST(Utf8LengthTest, ValidTextGivesItsBytesInvalidGivesMinusOne) {
   EXPECT_EQ(utf8_length_n("a\0b", 3), 3);  // counted, not terminated
 }
 
+TEST_F(StrFuncsTest, LowerCaseCopyOnlyWhenThereIsACapital) {
+  const char* const cases[][2] = {
+      {"", ""},
+      {"already lower 123 _@[`{", "already lower 123 _@[`{"},
+      {"\xC3\x89t\xC3\xA9", "\xC3\x89t\xC3\xA9"},  // no ASCII capital
+      {"AZ@[", "az@["},
+      {"mixedCase", "mixedcase"},
+  };
+  for (const auto& [in, want] : cases) {
+    const char* out = str_tolower(ctx_, in);
+    EXPECT_STREQ(out, want) << in;
+    EXPECT_EQ(out == in, std::strcmp(in, want) == 0) << in;
+  }
+}
+
 }  // namespace
