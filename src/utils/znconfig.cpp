@@ -176,48 +176,46 @@ int znconfig_set_str(ConfigLayer* config, int gid, int pid, const char* text) {
   return znconfig_set(config, gid, name, property_slot_str(text), PROP_TPE_STR, 1);
 }
 
-int znconfig_get_bool(ConfigLayer* config, int gid, int pid) {
-  Property* prop = lookup(config, gid, pid);
+namespace {
+
+// The value a typed getter reads, or null when the property is absent (logged, naming the
+// getter). A property of another type breaks the getter's contract: the assertion reads
+// `type_check`, the condition as the getter states it.
+const Property* typed_property(ConfigLayer* config, int gid, int pid, const char* getter,
+                               uint32_t type, const char* type_check) {
+  const Property* prop = lookup(config, gid, pid);
   if (!prop) {
-    ZN_LOG(kFacility, ZN_WARN, "znconfig_get_bool: invalid property with gid = %d and pid = %d",
-           gid, pid);
-    return 0;
+    ZN_LOG(kFacility, ZN_WARN, "%s: invalid property with gid = %d and pid = %d", getter, gid, pid);
+    return nullptr;
   }
-  KEST_ASSERT(kFacility, prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_BOOL);
-  return prop->val[0].bln;
+  KEST_ASSERT_TEXT(kFacility, prop->tpe == PROP_TPE_ANY || prop->tpe == type, type_check);
+  return prop;
+}
+
+}  // namespace
+
+int znconfig_get_bool(ConfigLayer* config, int gid, int pid) {
+  const Property* prop = typed_property(config, gid, pid, "znconfig_get_bool", PROP_TPE_BOOL,
+                                        "prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_BOOL");
+  return prop ? prop->val[0].bln : 0;
 }
 
 int64_t znconfig_get_lng(ConfigLayer* config, int gid, int pid) {
-  Property* prop = lookup(config, gid, pid);
-  if (!prop) {
-    ZN_LOG(kFacility, ZN_WARN, "znconfig_get_lng: invalid property with gid = %d and pid = %d", gid,
-           pid);
-    return 0;
-  }
-  KEST_ASSERT(kFacility, prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_LNG);
-  return prop->val[0].lng;
+  const Property* prop = typed_property(config, gid, pid, "znconfig_get_lng", PROP_TPE_LNG,
+                                        "prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_LNG");
+  return prop ? prop->val[0].lng : 0;
 }
 
 double znconfig_get_dbl(ConfigLayer* config, int gid, int pid) {
-  Property* prop = lookup(config, gid, pid);
-  if (!prop) {
-    ZN_LOG(kFacility, ZN_WARN, "znconfig_get_dbl: invalid property with gid = %d and pid = %d", gid,
-           pid);
-    return 0.0;
-  }
-  KEST_ASSERT(kFacility, prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_DBL);
-  return prop->val[0].dbl;
+  const Property* prop = typed_property(config, gid, pid, "znconfig_get_dbl", PROP_TPE_DBL,
+                                        "prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_DBL");
+  return prop ? prop->val[0].dbl : 0.0;
 }
 
 const char* znconfig_get_str(ConfigLayer* config, int gid, int pid) {
-  Property* prop = lookup(config, gid, pid);
-  if (!prop) {
-    ZN_LOG(kFacility, ZN_WARN, "znconfig_get_str: invalid property with gid = %d and pid = %d", gid,
-           pid);
-    return nullptr;
-  }
-  KEST_ASSERT(kFacility, prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_STR);
-  return prop->val[0].str;
+  const Property* prop = typed_property(config, gid, pid, "znconfig_get_str", PROP_TPE_STR,
+                                        "prop->tpe == PROP_TPE_ANY || prop->tpe == PROP_TPE_STR");
+  return prop ? prop->val[0].str : nullptr;
 }
 
 int znconfig_property_id(ConfigLayer* /*config*/, const char* name) {

@@ -122,7 +122,7 @@ void fail_each_allocation(Operation op) {
 // The client's side of one query after sending it, with the printer on a temporary file. Only
 // client code allocates while armed: the peer has written the whole stream into the socket
 // beforehand.
-void receive_stream(const std::string& stream, int mode) {
+void receive_stream(const std::string& stream, OutputMode mode) {
   int32_t client = -1, peer = -1;
   shim.armed = false;
   const bool connected = kest_fuzz::loopback_pair(&client, &peer);
@@ -162,12 +162,12 @@ TEST(AllocFailureDeathTest, EveryAllocationOfReceptionAndSplitting) {
              ack(4, {{"i", "int", "sint"}, {"s", "varchar(10)", "str"}}) +
              data(2, be32(7) + be32(8) + var("hi") + var("")) + data(1, be32(9) + var("abc")) +
              data(0);
-         receive_stream(stream, OUTPUT_UNICODE);
+         receive_stream(stream, OutputMode::kUnicode);
        }},
       {"error acknowledgement",
        [] {
          static const std::string stream = error_record(3, {"table", "t1"});
-         receive_stream(stream, OUTPUT_ASCII);
+         receive_stream(stream, OutputMode::kAscii);
        }},
       {"splitting a string", [] { drain(query_splitter_create_string(kScript)); }},
       {"splitting a file",  // the text grows byte by byte inside the scanner's reads

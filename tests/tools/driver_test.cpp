@@ -63,20 +63,25 @@ TEST(ClientOptions, StoreValuesFollowTheLastOption) {
   struct Case {
     std::vector<std::string> args;
     const char* mode;
-    int code;
+    OutputMode code;
     int64_t port, tries;
     const char* log;
   } cases[] = {
-      {{}, "ascii", 0, 48130, 3, ""},
-      {{"-u", "--port", "1K", "-t", "2k"}, "unicode", 1, 1024, 2048, ""},
-      {{"-r", "-o", "html"}, "html", 3, 48130, 3, ""},
+      {{}, "ascii", OutputMode::kAscii, 48130, 3, ""},
+      {{"-u", "--port", "1K", "-t", "2k"}, "unicode", OutputMode::kUnicode, 1024, 2048, ""},
+      {{"-r", "-o", "html"}, "html", OutputMode::kHtml, 48130, 3, ""},
       {{"-o", "HTML", "-P", "6000", "-P", "70000"},
        "HTML",
-       0,
+       OutputMode::kAscii,
        6000,
        3,
        "ERROR:ZNCONFIG:znconfig_validate: 70000.000000 not between 0.000000 and 65535.000000.\n"},
-      {{"-unr", "-t", "abc"}, "raw", 2, 48130, 3, "znconfig_parse_size: can't parse: 'abc'"}};
+      {{"-unr", "-t", "abc"},
+       "raw",
+       OutputMode::kRaw,
+       48130,
+       3,
+       "znconfig_parse_size: can't parse: 'abc'"}};
   for (const Case& c : cases) {
     Scan s(c.args);
     EXPECT_EQ(s.outcome, OptionsOutcome::kRun);
@@ -87,7 +92,7 @@ TEST(ClientOptions, StoreValuesFollowTheLastOption) {
     EXPECT_EQ(s.err.empty(), !*c.log) << s.err;
     EXPECT_THAT(s.err, HasSubstr(c.log));
   }
-  EXPECT_EQ(client_output_mode_code(nullptr), 0);
+  EXPECT_EQ(client_output_mode_code(nullptr), OutputMode::kAscii);
 }
 
 TEST(ClientOptions, StringsQueryAndFlags) {

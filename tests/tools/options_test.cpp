@@ -28,11 +28,11 @@ struct Args {
 // value; "?" a refusal (after which the client stops).
 std::string scan(std::vector<std::string> args) {
   Args a(std::move(args));
-  get_option_reset();
+  OptionCursor cursor;
   std::string seq;
   for (int guard = 0; guard < 64; ++guard) {
     const char* value = nullptr;
-    const int c = get_option(a.argc(), a.argv(), kest_client_options, &value);
+    const int c = get_option(&cursor, a.argc(), a.argv(), kest_client_options, &value);
     if (!seq.empty()) seq += ",";
     if (c == GET_OPTION_END) return seq + ".";
     if (c == GET_OPTION_REFUSED) return seq + "?";

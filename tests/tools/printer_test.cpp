@@ -61,7 +61,7 @@ struct Render {
     if (file) std::fclose(file);
   }
 
-  ResultPrinter* open(int mode) {
+  ResultPrinter* open(OutputMode mode) {
     return printer_open(file, static_cast<int32_t>(cols.size()), names.data(), types.data(),
                         ltypes.data(), isconst.data(), mode);
   }
@@ -79,7 +79,7 @@ struct Render {
   }
 
   // One printer_rows call per entry of `batches`, then the footer.
-  std::string run(int mode, const std::vector<int64_t>& batches) {
+  std::string run(OutputMode mode, const std::vector<int64_t>& batches) {
     ResultPrinter* p = open(mode);
     EXPECT_NE(p, nullptr);
     int64_t start = 0;
@@ -103,7 +103,7 @@ struct Render {
   }
 };
 
-std::string render(int mode, std::vector<Col> cols, const std::vector<int64_t>& batches) {
+std::string render(OutputMode mode, std::vector<Col> cols, const std::vector<int64_t>& batches) {
   return Render(std::move(cols)).run(mode, batches);
 }
 
@@ -119,10 +119,10 @@ TEST(PrinterShapes, EveryModeMatchesItsGolden) {
                             strs("name", "varchar(8)", {"ab", "", "cdefgh"})};
   };
   const struct {
-    int mode;
+    OutputMode mode;
     std::vector<int64_t> batches;
     const char* expected;
-  } cases[] = {{OUTPUT_ASCII, {}, R"(
+  } cases[] = {{OutputMode::kAscii, {}, R"(
 +-----------+--------------------+----------+
 |id         |k                   |name      |
 |sint       |slng                |varchar(8)|
@@ -130,7 +130,7 @@ TEST(PrinterShapes, EveryModeMatchesItsGolden) {
 +-----------+--------------------+----------+
 (0 rows)
 )"},
-               {OUTPUT_ASCII, {2, 1}, R"(
+               {OutputMode::kAscii, {2, 1}, R"(
 +-----------+--------------------+----------+
 |id         |k                   |name      |
 |sint       |slng                |varchar(8)|
@@ -141,8 +141,8 @@ TEST(PrinterShapes, EveryModeMatchesItsGolden) {
 +-----------+--------------------+----------+
 (3 rows)
 )"},
-               {OUTPUT_RAW, {2, 1}, "7|42|ab\n-12|42|\n300|42|cdefgh\n"},
-               {OUTPUT_HTML,
+               {OutputMode::kRaw, {2, 1}, "7|42|ab\n-12|42|\n300|42|cdefgh\n"},
+               {OutputMode::kHtml,
                 {2, 1},
                 "<table class=\"znresult\"><thead><tr><th>id</th><th>k</th><th>name</th></tr>"
                 "<tr><th>sint</th><th>slng</th><th>varchar(8)</th></tr></thead>"
@@ -151,7 +151,8 @@ TEST(PrinterShapes, EveryModeMatchesItsGolden) {
                 "<tr><td align=\"right\">300</td><td align=\"right\">42</td><td>cdefgh</td></tr>"
                 "<tr><td colspan=\"0\">3 rows</td></tr></table>\n"}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << "mode " << c.mode << ", " << c.batches.size() << " calls");
+    SCOPED_TRACE(testing::Message()
+                 << "mode " << static_cast<int>(c.mode) << ", " << c.batches.size() << " calls");
     EXPECT_EQ(render(c.mode, columns(), c.batches), golden(c.expected));
   }
 }
@@ -178,7 +179,7 @@ TEST(PrinterTypes, WidthAndAlignmentOfCells) {
       {col<int64_t>("v", "intervalds(2)", {12345, -1}),
        "|       0 00:02:03.45|\n|      -0 00:00:00.01|"}};
   for (const auto& c : cases) {
-    const std::string out = render(OUTPUT_ASCII, {c.column}, {2});
+    const std::string out = render(OutputMode::kAscii, {c.column}, {2});
     EXPECT_NE(out.find("+\n" + std::string(c.lines) + "\n+"), std::string::npos) << out;
   }
 }
@@ -195,7 +196,7 @@ std::vector<Col> null_columns() {
 }
 
 TEST(PrinterNulls, HiddenIndicatorsBlankTheNextColumnInEveryMode) {
-  EXPECT_EQ(render(OUTPUT_ASCII, null_columns(), {2, 1}), golden(R"(
+  EXPECT_EQ(render(OutputMode::kAscii, null_columns(), {2, 1}), golden(R"(
 +-----------+----------+-----+--------------------+----+
 |v          |w         |     |x                   |    |
 |sint       |varchar(4)|bool |slng                |uchr|
@@ -206,8 +207,9 @@ TEST(PrinterNulls, HiddenIndicatorsBlankTheNextColumnInEveryMode) {
 +-----------+----------+-----+--------------------+----+
 (3 rows)
 )"));
-  EXPECT_EQ(render(OUTPUT_RAW, null_columns(), {2, 1}), "1|||10|7\n||false|20|8\n3||true|30|9\n");
-  EXPECT_EQ(render(OUTPUT_HTML, null_columns(), {1}),
+  EXPECT_EQ(render(OutputMode::kRaw, null_columns(), {2, 1}),
+            "1|||10|7\n||false|20|8\n3||true|30|9\n");
+  EXPECT_EQ(render(OutputMode::kHtml, null_columns(), {1}),
             "<table class=\"znresult\"><thead><tr><th>v</th><th>w</th><th></th><th>x</th>"
             "<th></th></tr><tr><th>sint</th><th>varchar(4)</th><th>bool</th><th>slng</th>"
             "<th>uchr</th></tr></thead><tr><td align=\"right\">1</td><td></td>"
@@ -215,7 +217,7 @@ TEST(PrinterNulls, HiddenIndicatorsBlankTheNextColumnInEveryMode) {
             "<tr><td colspan=\"0\">1 row</td></tr></table>\n");
   // A selection picks the rows and their indicator bytes.
   Render r(null_columns());
-  ResultPrinter* p = r.open(OUTPUT_RAW);
+  ResultPrinter* p = r.open(OutputMode::kRaw);
   const int32_t selection[] = {2, 1, 2};
   r.rows(p, 0, 3, selection);
   printer_close(p);
@@ -223,17 +225,17 @@ TEST(PrinterNulls, HiddenIndicatorsBlankTheNextColumnInEveryMode) {
 }
 
 TEST(PrinterZeroColumns, EveryModePrintsOnlyTheFrame) {
-  EXPECT_EQ(render(OUTPUT_ASCII, {}, {2}), "+\n|\n|\n+\n|\n|\n+\n(2 rows)\n");
-  EXPECT_EQ(render(OUTPUT_UNICODE, {}, {1}), "┌\n│\n│\n├\n│\n└\n(1 row)\n");
-  EXPECT_EQ(render(OUTPUT_RAW, {}, {2}), "\n\n");
-  EXPECT_EQ(render(OUTPUT_HTML, {}, {2, 3}),
+  EXPECT_EQ(render(OutputMode::kAscii, {}, {2}), "+\n|\n|\n+\n|\n|\n+\n(2 rows)\n");
+  EXPECT_EQ(render(OutputMode::kUnicode, {}, {1}), "┌\n│\n│\n├\n│\n└\n(1 row)\n");
+  EXPECT_EQ(render(OutputMode::kRaw, {}, {2}), "\n\n");
+  EXPECT_EQ(render(OutputMode::kHtml, {}, {2, 3}),
             "<table class=\"znresult\"><tr><td colspan=\"0\">5 rows</td></tr></table>\n");
 }
 
 TEST(PrinterWidths, LongNameIsCappedAt128AndOverrunsTheBox) {
   const std::string name(200, 'n');
   const std::string rule = "+" + std::string(128, '-') + "+\n";
-  EXPECT_EQ(render(OUTPUT_ASCII, {col<int32_t>(name, "sint", {5})}, {1}),
+  EXPECT_EQ(render(OutputMode::kAscii, {col<int32_t>(name, "sint", {5})}, {1}),
             rule + "|" + name + "|\n" + "|sint" + std::string(124, ' ') + "|\n" + rule + "|" +
                 std::string(127, ' ') + "5|\n" + rule + "(1 row)\n");
 }
@@ -255,7 +257,7 @@ TEST(PrinterWidths, TextsArePaddedByCountedCharacters) {
       {"abcdefghijklmnop", 16},         // longer than the width: printed whole
   };
   for (const auto& c : cases) {
-    const std::string out = render(OUTPUT_ASCII, {strs("t", "varchar(10)", {c.text})}, {1});
+    const std::string out = render(OutputMode::kAscii, {strs("t", "varchar(10)", {c.text})}, {1});
     const std::string line =
         "|" + std::string(c.text) + std::string(c.chars < 11 ? 11 - c.chars : 0, ' ') + "|\n";
     EXPECT_NE(out.find("+\n" + line + "+"), std::string::npos) << c.text << "\n" << out;
@@ -263,7 +265,7 @@ TEST(PrinterWidths, TextsArePaddedByCountedCharacters) {
 }
 
 TEST(PrinterWidths, OverlongTextIsCutToTheValueBuffer) {
-  EXPECT_EQ(render(OUTPUT_RAW, {strs("t", "str", {std::string(2000, 'x')})}, {1}),
+  EXPECT_EQ(render(OutputMode::kRaw, {strs("t", "str", {std::string(2000, 'x')})}, {1}),
             std::string(1023, 'x') + "\n");
 }
 
@@ -277,7 +279,7 @@ TEST(PrinterStreaming, OutputLargerThanTheBufferArrivesWhole) {
     values.push_back(std::move(v));
   }
   const std::string out =
-      render(OUTPUT_ASCII, {strs("t", "varchar(100)", values)}, {1024, 1024, 952});
+      render(OutputMode::kAscii, {strs("t", "varchar(100)", values)}, {1024, 1024, 952});
   const size_t body = out.find("|0.");
   ASSERT_NE(body, std::string::npos);
   EXPECT_EQ(out.substr(body, expected.size()), expected);
@@ -287,7 +289,7 @@ TEST(PrinterStreaming, OutputLargerThanTheBufferArrivesWhole) {
 // everything printed since the last flush; what the caller writes after a flush follows it.
 TEST(PrinterStreaming, TextReachesTheStreamAtEachFlush) {
   Render r({col<int32_t>("n", "sint", {1, 2}), col<int8_t>("c", "schr", {3, 4})});
-  ResultPrinter* p = r.open(OUTPUT_UNICODE);
+  ResultPrinter* p = r.open(OutputMode::kUnicode);
   r.rows(p, 0, 1);
   EXPECT_EQ(r.contents(), "") << "nothing before a flush";
   printer_flush(p);
@@ -310,7 +312,7 @@ TEST(PrinterStreaming, TextReachesTheStreamAtEachFlush) {
 
 TEST(PrinterDeathTest, RuleLineOutOfRangeIsAnAssertion) {
   Render r({col<int32_t>("n", "sint", {1})});
-  ResultPrinter* p = r.open(OUTPUT_ASCII);
+  ResultPrinter* p = r.open(OutputMode::kAscii);
   EXPECT_DEATH(print_rule(p, 3), "assertion \"which >= 0 && which <= 2\" failed");
   printer_close(p);
 }

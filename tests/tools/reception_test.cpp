@@ -16,8 +16,8 @@
 #include "kernel/ltype.h"
 #include "support/scripted_peer.h"
 #include "tools/standalone_client/client_globals.h"
+#include "tools/standalone_client/connection.h"
 #include "tools/standalone_client/printer.h"
-#include "tools/standalone_client/session.h"
 #include "utils/netbuffer.h"
 
 #if __has_include(<unistd.h>)
@@ -51,11 +51,14 @@ struct Client {
     conn.socket = peer.connect_client();
     NetBufferInit(&conn.netbuf, conn.socket);
   }
-  ~Client() { NetBufferClose(&conn.netbuf); }
+  ~Client() {
+    query_finish(&conn.result);
+    NetBufferClose(&conn.netbuf);
+  }
   QueryAck ack() {
     QueryAck ack{};
     EXPECT_EQ(NetBufferRecv(&conn.netbuf), 1);
-    receive_ack(&conn.netbuf, &ack);
+    receive_ack(&conn.result, &conn.netbuf, &ack);
     conn.column_count = ack.column_count;
     conn.vector_size = ack.vector_size;
     return ack;
@@ -69,17 +72,14 @@ class Reception : public testing::Test {
     saved_print_ = print_results;
     saved_mode_ = output_mode_code;
     print_results = 0;
-    output_mode_code = OUTPUT_RAW;
+    output_mode_code = OutputMode::kRaw;
   }
   void TearDown() override {
-    if (queryres.printer) printer_close(queryres.printer);
-    queryres.printer = nullptr;
-    queryres_free();
     print_results = saved_print_;
     output_mode_code = saved_mode_;
   }
   int saved_print_ = 1;
-  int saved_mode_ = 0;
+  OutputMode saved_mode_ = OutputMode::kAscii;
 };
 
 // Fixed-size, text and constant columns over two messages, then an error record after the rows.
@@ -96,12 +96,11 @@ TEST_F(Reception, ServerErrorInTheStreamIsPrintedAndFailsTheQuery) {
   Client client(peer);
   testing::internal::CaptureStdout();
   client.ack();
-  ASSERT_NE(queryres.printer, nullptr);
+  ASSERT_NE(client.conn.result.printer, nullptr);
   EXPECT_EQ(receive_data(&client.conn), 3) << "a row count equal to the vector size is accepted";
   EXPECT_EQ(receive_data(&client.conn), 1);
   EXPECT_EQ(receive_data(&client.conn), -1);
-  printer_close(queryres.printer);
-  queryres.printer = nullptr;
+  query_finish(&client.conn.result);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "1|77|abc|K\n-2|77||K\n3|77|x y|K\n9|-1|" + long_text + "|\nError: Division by zero.\n")
       << "the error line follows the rows printed before it";
@@ -150,7 +149,9 @@ TEST(ReceptionDeathTest, NegativeColumnCountEndsTheProcess) {
   NetBuffer nb{};
   kest_test::hold_message(&nb, be32(0) + be32(0xFFFFFFFFu) + be32(8));
   QueryAck ack{};
-  EXPECT_DEATH(receive_ack(&nb, &ack), "KESTCLIENT:assertion \"queryres.name && queryres.type");
+  QueryResult result{};
+  EXPECT_DEATH(receive_ack(&result, &nb, &ack),
+               "KESTCLIENT:assertion \"queryres.name && queryres.type");
   NetBufferClose(&nb);
 }
 

@@ -1,5 +1,7 @@
 #include "tools/standalone_client/session.h"
 
+#include "tools/standalone_client/connection.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

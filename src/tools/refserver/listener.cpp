@@ -44,13 +44,6 @@ bool socket_send_all(int32_t s, const void* bytes, size_t len, size_t chunk) {
   return true;
 }
 
-void socket_drain(int32_t s, int64_t microseconds) {
-  char sink[4096];
-  while (net_wait_readable(s, microseconds) > 0) {
-    if (net_recv(s, sink, sizeof sink) <= 0) return;
-  }
-}
-
 void socket_close(int32_t s) { net_close(s); }
 
 void socket_close_reset(int32_t s) { net_close_reset(s); }

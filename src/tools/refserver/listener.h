@@ -15,8 +15,6 @@ int32_t listener_accept(int32_t listener, int64_t microseconds);
 int socket_wait_readable(int32_t s, int64_t microseconds);
 // Sends all `len` bytes, `chunk` bytes per call; false when the peer is gone.
 bool socket_send_all(int32_t s, const void* bytes, size_t len, size_t chunk);
-// Reads and discards what the peer sends until it closes or `microseconds` pass without data.
-void socket_drain(int32_t s, int64_t microseconds);
 void socket_close(int32_t s);
 // Closes so that the peer sees a connection reset.
 void socket_close_reset(int32_t s);

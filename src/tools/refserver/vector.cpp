@@ -160,10 +160,3 @@ Vector filter_vector(const Vector& in, const std::vector<uint8_t>& keep, size_t 
   }
   return out;
 }
-
-Vector expand_vector(const Vector& in, size_t rows) {
-  if (!in.is_const) return in;
-  Vector out = make_vector(in.type, rows);
-  for (size_t i = 0; i < rows; ++i) append_value(out, in, 0);
-  return out;
-}

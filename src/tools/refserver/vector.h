@@ -52,5 +52,3 @@ void append_value(Vector& to, const Vector& from, size_t i);
 void append_null(Vector& to);
 // The rows of `in` whose `keep` flag is set, in order. A constant vector stays constant.
 Vector filter_vector(const Vector& in, const std::vector<uint8_t>& keep, size_t kept);
-// A constant vector expanded to `rows` values, or `in` itself when it is not constant.
-Vector expand_vector(const Vector& in, size_t rows);

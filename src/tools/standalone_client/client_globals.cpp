@@ -1,5 +1,5 @@
 #include "tools/standalone_client/client_globals.h"
 
 int print_results = 1;
-int output_mode_code = 0;
+OutputMode output_mode_code = OutputMode::kAscii;
 ConfigLayer* client_config = nullptr;

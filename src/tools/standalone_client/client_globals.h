@@ -2,11 +2,13 @@
 // the result reception and the printer.
 #pragma once
 
+#include "tools/standalone_client/printer.h"
+
 struct ConfigLayer;
 
 // 1 unless -p cleared it; when 0 results are received but nothing is printed.
 extern int print_results;
-// 0 ascii, 1 unicode, 2 raw, 3 html; set once after option scanning.
-extern int output_mode_code;
+// The output mode (codes 0 ascii, 1 unicode, 2 raw, 3 html); set once after option scanning.
+extern OutputMode output_mode_code;
 // The configuration store (its "cmdline" layer), created first by the run driver.
 extern ConfigLayer* client_config;

@@ -85,6 +85,22 @@ bool act(int letter, const char* value, int argc, char** argv, ClientRun* run,
   }
 }
 
+// The client's own long options, beyond the classic table.
+constexpr ExtendedOption kExtendedOptions[] = {
+    {nullptr, 0, 0},
+};
+
+// Acts on one extended option; false when the run must end (the outcome is then in *end).
+bool act_extended(int id, const char* value, ClientRun* run, OptionsOutcome* end) {
+  (void)value;
+  (void)run;
+  (void)end;
+  switch (id) {
+    default:
+      return true;
+  }
+}
+
 // The splitter over the -e text, else the -f file, else standard input; null when it cannot be
 // created.
 QuerySplitter* open_splitter(const ClientRun& run) {
@@ -115,8 +131,6 @@ int run_queries(ClientRun* run) {
     ZN_LOG(kFacility, ZN_ERROR, "cannot start the network layer");
     return -1;
   }
-  output_mode_code =
-      client_output_mode_code(znconfig_get_str(run->config, kClient, ZNCONFIG_CLIENT_OUTPUT_MODE));
   SplitterOwner splitter{open_splitter(*run)};
   if (!splitter.qs) return -1;
   const int64_t tries = znconfig_get_lng(run->config, kClient, ZNCONFIG_CLIENT_CONNECTION_RETRIES);
@@ -145,22 +159,29 @@ struct FileOwner {
 }  // namespace
 
 OptionsOutcome client_scan_options(int argc, char** argv, ClientRun* run) {
-  get_option_reset();
+  OptionCursor cursor;
   OptionsOutcome end = OptionsOutcome::kRun;
   for (;;) {
     const char* value = nullptr;
-    const int letter = get_option(argc, argv, kest_client_options, &value);
+    const int id = get_extended_option(&cursor, argc, argv, kExtendedOptions, &value);
+    if (id > 0) {
+      if (!act_extended(id, value, run, &end)) return end;
+      continue;
+    }
+    const int letter = id == GET_OPTION_REFUSED
+                           ? id
+                           : get_option(&cursor, argc, argv, kest_client_options, &value);
     if (letter == GET_OPTION_END) return OptionsOutcome::kRun;
     if (!act(letter, value, argc, argv, run, &end)) return end;
   }
 }
 
-int client_output_mode_code(const char* mode) {
-  if (!mode) return 0;
-  if (std::strcmp(mode, "html") == 0) return 3;
-  if (std::strcmp(mode, "raw") == 0) return 2;
-  if (std::strcmp(mode, "unicode") == 0) return 1;
-  return 0;
+OutputMode client_output_mode_code(const char* mode) {
+  if (!mode) return OutputMode::kAscii;
+  if (std::strcmp(mode, "html") == 0) return OutputMode::kHtml;
+  if (std::strcmp(mode, "raw") == 0) return OutputMode::kRaw;
+  if (std::strcmp(mode, "unicode") == 0) return OutputMode::kUnicode;
+  return OutputMode::kAscii;
 }
 
 void client_run_close_file(ClientRun* run) {

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "tools/standalone_client/printer.h"
+
 struct ConfigLayer;
 
 // What the options ask for beyond the configuration store.
@@ -27,8 +29,9 @@ enum class OptionsOutcome {
 // and stops at once; a refused option prints the usage text. REQUIRES: run->config is set.
 OptionsOutcome client_scan_options(int argc, char** argv, ClientRun* run);
 
-// 3 for exactly "html", 2 for "raw", 1 for "unicode", 0 for anything else (null included).
-int client_output_mode_code(const char* mode);
+// The mode an output_mode text names: exactly "html", "raw" or "unicode" (case matters), and
+// ascii for anything else, null included.
+OutputMode client_output_mode_code(const char* mode);
 
 // Closes run->file if one is open.
 void client_run_close_file(ClientRun* run);

@@ -15,16 +15,39 @@ const LongOption kest_client_options[] = {
 
 namespace {
 
-int next_index = 1;
-const char* cluster = nullptr;  // next unread letter of "-abc", or null
+// True when `text` starts with the whole of `name`, followed by its end or "=".
+bool names(const char* text, const char* name) {
+  const size_t n = std::strlen(name);
+  return std::strncmp(text, name, n) == 0 && (text[n] == '\0' || text[n] == '=');
+}
 
-// The entry named at the start of `text` (followed by its end or "="), or null.
-const LongOption* find_long(const LongOption* table, const char* text) {
-  for (const LongOption* o = table; o->name; ++o) {
-    const size_t n = std::strlen(o->name);
-    if (std::strncmp(text, o->name, n) == 0 && (text[n] == '\0' || text[n] == '=')) return o;
-  }
+// The entry named at the start of `text`, or null.
+template <typename Option>
+const Option* find_long(const Option* table, const char* text) {
+  for (const Option* o = table; o->name; ++o)
+    if (names(text, o->name)) return o;
   return nullptr;
+}
+
+// Takes the value of a long option `o` named by the argument at the cursor, advancing past what
+// it consumes; false when the value is missing or unwanted ("--ping=1").
+template <typename Option>
+bool take_long(OptionCursor* c, int argc, char** argv, const Option* o, const char** optarg) {
+  const char* rest = argv[c->next_index] + 2 + std::strlen(o->name);
+  if (!o->has_arg) {
+    if (*rest) return false;
+    ++c->next_index;
+    return true;
+  }
+  if (*rest == '=') {
+    *optarg = rest + 1;
+    ++c->next_index;
+    return true;
+  }
+  if (c->next_index + 1 >= argc) return false;
+  *optarg = argv[c->next_index + 1];
+  c->next_index += 2;
+  return true;
 }
 
 const LongOption* find_short(const LongOption* table, char letter) {
@@ -33,69 +56,63 @@ const LongOption* find_short(const LongOption* table, char letter) {
   return nullptr;
 }
 
-int long_option(int argc, char** argv, const LongOption* table, const char** optarg) {
-  const char* text = argv[next_index] + 2;
-  const LongOption* o = find_long(table, text);
-  if (!o) return GET_OPTION_REFUSED;
-  const char* rest = text + std::strlen(o->name);
-  if (!o->has_arg) {
-    if (*rest) return GET_OPTION_REFUSED;  // "--ping=1"
-    ++next_index;
-    return o->letter;
-  }
-  if (*rest == '=') {
-    *optarg = rest + 1;
-    ++next_index;
-    return o->letter;
-  }
-  if (next_index + 1 >= argc) return GET_OPTION_REFUSED;
-  *optarg = argv[next_index + 1];
-  next_index += 2;
+int long_option(OptionCursor* c, int argc, char** argv, const LongOption* table,
+                const char** optarg) {
+  const LongOption* o = find_long(table, argv[c->next_index] + 2);
+  if (!o || !take_long(c, argc, argv, o, optarg)) return GET_OPTION_REFUSED;
   return o->letter;
 }
 
-int short_option(int argc, char** argv, const LongOption* table, const char** optarg) {
-  const LongOption* o = find_short(table, *cluster);
+int short_option(OptionCursor* c, int argc, char** argv, const LongOption* table,
+                 const char** optarg) {
+  const LongOption* o = find_short(table, *c->cluster);
   if (!o) return GET_OPTION_REFUSED;
-  const char* rest = cluster + 1;
+  const char* rest = c->cluster + 1;
   if (!o->has_arg) {
     if (*rest) {
-      cluster = rest;  // "-pi": the cluster stays open at "i"
+      c->cluster = rest;  // "-pi": the cluster stays open at "i"
     } else {
-      cluster = nullptr;
-      ++next_index;
+      c->cluster = nullptr;
+      ++c->next_index;
     }
     return o->letter;
   }
-  cluster = nullptr;
+  c->cluster = nullptr;
   if (*rest) {  // "-P5000"
     *optarg = rest;
-    ++next_index;
+    ++c->next_index;
     return o->letter;
   }
-  if (next_index + 1 >= argc) return GET_OPTION_REFUSED;
-  *optarg = argv[next_index + 1];
-  next_index += 2;
+  if (c->next_index + 1 >= argc) return GET_OPTION_REFUSED;
+  *optarg = argv[c->next_index + 1];
+  c->next_index += 2;
   return o->letter;
 }
 
 }  // namespace
 
-int get_option(int argc, char** argv, const LongOption* table, const char** optarg) {
+int get_option(OptionCursor* c, int argc, char** argv, const LongOption* table,
+               const char** optarg) {
   *optarg = nullptr;
-  if (next_index >= argc) return GET_OPTION_END;
-  if (!cluster) {
-    const char* arg = argv[next_index];
+  if (c->next_index >= argc) return GET_OPTION_END;
+  if (!c->cluster) {
+    const char* arg = argv[c->next_index];
     if (arg[0] != '-' || arg[1] == '\0') return GET_OPTION_REFUSED;
-    if (arg[1] == '-') return long_option(argc, argv, table, optarg);
-    cluster = arg + 1;
+    if (arg[1] == '-') return long_option(c, argc, argv, table, optarg);
+    c->cluster = arg + 1;
   }
-  return short_option(argc, argv, table, optarg);
+  return short_option(c, argc, argv, table, optarg);
 }
 
-void get_option_reset() {
-  next_index = 1;
-  cluster = nullptr;
+int get_extended_option(OptionCursor* c, int argc, char** argv, const ExtendedOption* table,
+                        const char** optarg) {
+  *optarg = nullptr;
+  if (c->cluster || c->next_index >= argc) return 0;
+  const char* arg = argv[c->next_index];
+  if (arg[0] != '-' || arg[1] != '-') return 0;
+  const ExtendedOption* o = find_long(table, arg + 2);
+  if (!o) return 0;
+  return take_long(c, argc, argv, o, optarg) ? o->id : GET_OPTION_REFUSED;
 }
 
 void print_usage(int argc, char** argv, ConfigLayer* config) {

@@ -18,15 +18,35 @@ extern const LongOption kest_client_options[];
 constexpr int GET_OPTION_REFUSED = 63;  // '?'
 constexpr int GET_OPTION_END = -1;
 
-// Scans the next option of argv. Returns its letter, GET_OPTION_REFUSED for anything not
-// accepted (unknown names or letters, a value given to an option without one, a missing value,
-// any argument not starting with "-": there are no positional arguments), or GET_OPTION_END when
-// every argument is consumed. `*optarg` is set to the option's value, or null.
-// Keeps process-wide state (the next argument's index, starting at 1, and the position inside a
-// cluster of short options such as "-pi"), so one argument vector is scanned at a time.
-int get_option(int argc, char** argv, const LongOption* table, const char** optarg);
-// Restarts scanning at argument 1 with no cluster open (for a second scan, e.g. in tests).
-void get_option_reset();
+// Where a scan of one argument vector stands. A fresh cursor starts at argument 1.
+struct OptionCursor {
+  int next_index = 1;             // the next argument to look at
+  const char* cluster = nullptr;  // the next unread letter of a cluster such as "-pi", or null
+};
+
+// Scans the next option of argv at `cursor` and advances it. Returns its letter,
+// GET_OPTION_REFUSED for anything not accepted (unknown names or letters, a value given to an
+// option without one, a missing value, any argument not starting with "-": there are no
+// positional arguments), or GET_OPTION_END when every argument is consumed. `*optarg` is set to
+// the option's value, or null.
+int get_option(OptionCursor* cursor, int argc, char** argv, const LongOption* table,
+               const char** optarg);
+
+// The client's own long options beyond the classic table: none of their names is matched by a
+// classic entry, and none has a short form. Looked at only where a long option starts (no
+// cluster open); the same name rules as the classic table ("--name", "--name value",
+// "--name=value", no abbreviation).
+struct ExtendedOption {
+  const char* name;
+  int has_arg;  // 1: takes a value
+  int id;       // what get_extended_option returns; > 0
+};
+// When the argument at `cursor` names an entry of `table` (ending with a null name), consumes it
+// and its value and returns the entry's id (`*optarg` the value or null); GET_OPTION_REFUSED when
+// it names one but its value is missing or one is given to an option without one; 0 when it is
+// no entry of the table (nothing consumed: scan it with get_option).
+int get_extended_option(OptionCursor* cursor, int argc, char** argv, const ExtendedOption* table,
+                        const char** optarg);
 
 // Prints the usage text on standard output, one output call per line. The program name is
 // argv[0] ("kest_client" when argc is 0); the default port shown is client.port's current value.

@@ -103,12 +103,17 @@ std::string_view rows_word(int64_t rows) { return rows == 1 ? "row" : "rows"; }
 
 }  // namespace
 
+// What one output mode prints at each step of a result.
+struct ModeOps {
+  void (*head)(ResultPrinter&, char* const* names);
+  void (*rows)(ResultPrinter&, void* const* data, const int32_t* selection, int64_t rows);
+  void (*footer)(ResultPrinter&);
+  const LineGlyphs* glyphs;
+  bool aligned;  // cells padded to the column widths, through the row's text slots
+};
+
 struct ResultPrinter {
-  ResultPrinter(FILE* stream, int mode)
-      : out(stream),
-        glyphs(mode == OUTPUT_UNICODE ? &kUnicodeGlyphs : &kAsciiGlyphs),
-        raw(mode == OUTPUT_RAW),
-        html(mode == OUTPUT_HTML) {}
+  ResultPrinter(FILE* stream, OutputMode mode);
 
   std::vector<Column> columns;
   std::vector<int32_t> visible;  // indexes of the printed columns, in order
@@ -119,8 +124,7 @@ struct ResultPrinter {
   int64_t rows = 0;
   OutBuffer out;
   const LineGlyphs* glyphs;
-  bool raw;
-  bool html;
+  const ModeOps* ops;  // what the output mode prints, and how
 };
 
 namespace {
@@ -144,18 +148,19 @@ void setup_columns(ResultPrinter& p, int32_t ncols, char* const* names,
     c.left = is_text_type(c.ltype);
     if (!c.hidden) p.visible.push_back(i);
   }
-  if (!p.raw && !p.html) {
+  if (p.ops->aligned) {
     p.slots.resize(p.visible.size() * kValueTextSize);
     p.lengths.resize(p.visible.size());
   }
 }
 
-// Writes the text of a cell at `dst`, which has room for kValueTextSize bytes, and returns its
-// length. A text too long for the buffer is cut to what the conversion left in it.
 // The length of a text the conversion cut to the buffer (kept apart from the per-cell path).
 [[gnu::noinline]] size_t cut_text_length(const char* dst) {
   return static_cast<size_t>(std::find(dst, dst + kValueTextSize - 1, '\0') - dst);
 }
+
+// Writes the text of a cell at `dst`, which has room for kValueTextSize bytes, and returns its
+// length. A text too long for the buffer is cut to what the conversion left in it.
 
 inline size_t cell_text(const Column& c, void* const* data, int64_t row, int32_t column,
                         char* dst) {
@@ -204,27 +209,28 @@ void print_html_head_cells(ResultPrinter& p, TextOf text_of) {
   }
 }
 
-void print_head(ResultPrinter& p, char* const* names) {
-  if (p.raw) return;
+void print_html_head(ResultPrinter& p, char* const* names) {
   char type_text[kTypeTextSize];
-  auto name_of = [&](int32_t i) { return std::string_view(names[i]); };
-  auto type_of = [&](int32_t i) {
+  p.out.append("<table class=\"znresult\">");
+  if (p.columns.empty()) return;
+  p.out.append("<thead><tr>");
+  print_html_head_cells(p, [&](int32_t i) { return std::string_view(names[i]); });
+  p.out.append("</tr><tr>");
+  print_html_head_cells(p, [&](int32_t i) {
     ltype_to_string(type_text, p.columns[i].ltype);
     return std::string_view(type_text);
-  };
-  if (p.html) {
-    p.out.append("<table class=\"znresult\">");
-    if (p.columns.empty()) return;
-    p.out.append("<thead><tr>");
-    print_html_head_cells(p, name_of);
-    p.out.append("</tr><tr>");
-    print_html_head_cells(p, type_of);
-    p.out.append("</tr></thead>");
-    return;
-  }
+  });
+  p.out.append("</tr></thead>");
+}
+
+void print_table_head(ResultPrinter& p, char* const* names) {
+  char type_text[kTypeTextSize];
   print_rule_line(p, 0);
-  print_head_line(p, name_of);
-  print_head_line(p, type_of);
+  print_head_line(p, [&](int32_t i) { return std::string_view(names[i]); });
+  print_head_line(p, [&](int32_t i) {
+    ltype_to_string(type_text, p.columns[i].ltype);
+    return std::string_view(type_text);
+  });
   print_rule_line(p, 1);
 }
 
@@ -357,32 +363,54 @@ void print_html_rows(ResultPrinter& p, void* const* data, const int32_t* selecti
   p.out.advance_to(w);
 }
 
-void print_footer(ResultPrinter& p) {
-  if (p.raw) return;
+std::string_view count_text(int64_t rows, char (&count)[24]) {
+  const auto end = std::to_chars(count, count + sizeof count, rows).ptr;
+  return std::string_view(count, static_cast<size_t>(end - count));
+}
+
+void print_html_footer(ResultPrinter& p) {
   char count[24];
-  const auto end = std::to_chars(count, count + sizeof count, p.rows).ptr;
-  const std::string_view count_text(count, static_cast<size_t>(end - count));
-  if (p.html) {
-    p.out.append("<tr><td colspan=\"0\">");
-    p.out.append(count_text);
-    p.out.append(" ");
-    p.out.append(rows_word(p.rows));
-    p.out.append("</td></tr></table>\n");
-    return;
-  }
+  p.out.append("<tr><td colspan=\"0\">");
+  p.out.append(count_text(p.rows, count));
+  p.out.append(" ");
+  p.out.append(rows_word(p.rows));
+  p.out.append("</td></tr></table>\n");
+}
+
+void print_table_footer(ResultPrinter& p) {
+  char count[24];
   print_rule_line(p, 2);
   p.out.append("(");
-  p.out.append(count_text);
+  p.out.append(count_text(p.rows, count));
   p.out.append(" ");
   p.out.append(rows_word(p.rows));
   p.out.append(")\n");
 }
 
+void print_nothing(ResultPrinter&, char* const*) {}
+void print_nothing(ResultPrinter&) {}
+
+// Indexed by OutputMode.
+constexpr ModeOps kModes[] = {
+    {print_table_head, print_table_rows, print_table_footer, &kAsciiGlyphs, true},
+    {print_table_head, print_table_rows, print_table_footer, &kUnicodeGlyphs, true},
+    {print_nothing, print_raw_rows, print_nothing, &kAsciiGlyphs, false},
+    {print_html_head, print_html_rows, print_html_footer, &kAsciiGlyphs, false},
+};
+
+const ModeOps& mode_ops(OutputMode mode) {
+  const auto index = static_cast<size_t>(mode);
+  return index < std::size(kModes) ? kModes[index] : kModes[0];
+}
+
 }  // namespace
+
+ResultPrinter::ResultPrinter(FILE* stream, OutputMode mode)
+    : out(stream), glyphs(mode_ops(mode).glyphs), ops(&mode_ops(mode)) {}
 
 ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
                             const PhysicalType* const* types, const uint32_t* ltypes,
-                            const int32_t* isconst, int mode) {
+                            const int32_t* isconst, OutputMode mode) {
   std::unique_ptr<ResultPrinter> p;
   try {
     p = std::make_unique<ResultPrinter>(stream, mode);
@@ -390,20 +418,14 @@ ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
-  print_head(*p, names);
+  p->ops->head(*p, names);
   return p.release();
 }
 
 void printer_rows(ResultPrinter* printer, void* const* data, const int32_t* selection,
                   int64_t rows) {
   if (printer == nullptr || rows <= 0) return;
-  if (printer->html) {
-    print_html_rows(*printer, data, selection, rows);
-  } else if (printer->raw) {
-    print_raw_rows(*printer, data, selection, rows);
-  } else {
-    print_table_rows(*printer, data, selection, rows);
-  }
+  printer->ops->rows(*printer, data, selection, rows);
   printer->rows += rows;
 }
 
@@ -414,7 +436,7 @@ void printer_flush(ResultPrinter* printer) {
 void printer_close(ResultPrinter* printer) {
   if (printer == nullptr) return;
   const std::unique_ptr<ResultPrinter> owner(printer);
-  print_footer(*owner);
+  owner->ops->footer(*owner);
   owner->out.flush();
 }
 

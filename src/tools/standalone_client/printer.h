@@ -10,8 +10,13 @@
 struct PhysicalType;
 struct ResultPrinter;
 
-// Output modes (output_mode_code). Any other value prints like ascii.
-enum : int { OUTPUT_ASCII = 0, OUTPUT_UNICODE = 1, OUTPUT_RAW = 2, OUTPUT_HTML = 3 };
+// The output modes; the values are the codes the run driver sets in output_mode_code.
+enum class OutputMode : int {
+  kAscii = 0,    // a table ruled with ASCII characters
+  kUnicode = 1,  // a table ruled with box-drawing characters (UTF-8)
+  kRaw = 2,      // bare values separated by "|", no head, no footer
+  kHtml = 3,     // one table element
+};
 
 // Prints the head and returns the printer, or null when memory runs out (nothing is printed).
 // `names` (ncols entries), `types`, `ltypes` and `isconst` are borrowed and must outlive the
@@ -25,7 +30,7 @@ enum : int { OUTPUT_ASCII = 0, OUTPUT_UNICODE = 1, OUTPUT_RAW = 2, OUTPUT_HTML =
 // anything else to the same stream (so that its text follows the rows).
 ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
                             const PhysicalType* const* types, const uint32_t* ltypes,
-                            const int32_t* isconst, int mode);
+                            const int32_t* isconst, OutputMode mode);
 // Prints `rows` rows of one data message. `data` holds one data area per column (one value for a
 // constant column, else at least `rows` values, or as many as `selection` reaches); `selection`
 // (optional, may be null) lists the row indexes to print. A null printer prints nothing.

@@ -6,31 +6,22 @@
 
 #include "kernel/ltype.h"
 #include "tools/standalone_client/client_globals.h"
+#include "tools/standalone_client/connection.h"
 #include "tools/standalone_client/printer.h"
-#include "tools/standalone_client/session.h"
 #include "utils/kest_assert.h"
 #include "utils/netbuffer.h"
 #include "utils/znlog.h"
-
-QueryResult queryres = {};
 
 namespace {
 
 constexpr const char* kFacility = "KESTCLIENT";
 constexpr uint32_t kStatusError = 0xFFFFFFFFu;
 
-// The texts of one variable-size column for one message, end to end in one block that every
-// message of the query reuses. The bytes of a column's values never exceed what is left of the
-// message, so the block is sized for that before the first value and never moves while filled.
-// Plain heap blocks, like the rest of the query's arrays: running out of memory is an assertion.
-struct TextArea {
-  char* bytes;
-  size_t size;
-};
-TextArea* text_areas = nullptr;  // one per column of the current query, freed by queryres_free
-
-char* text_room(int32_t column, size_t need) {
-  TextArea& area = text_areas[column];
+// Room for `need` bytes of one column's texts. The bytes of a column's values never exceed what
+// is left of the message, so the block is sized for that before the first value and never moves
+// while filled. Plain heap blocks, like the rest of the query's arrays: running out of memory is
+// an assertion.
+char* text_room(TextArea& area, size_t need) {
   if (area.size < need) {
     free(area.bytes);
     area.bytes = static_cast<char*>(malloc(need));
@@ -40,19 +31,14 @@ char* text_room(int32_t column, size_t need) {
   return area.bytes;
 }
 
-void free_text_areas() {
-  for (int32_t i = 0; text_areas && queryres.name && queryres.name[i]; ++i)
-    free(text_areas[i].bytes);
-  free(text_areas);
-  text_areas = nullptr;
-}
-
 template <typename T>
 T* alloc_array(int64_t count) {
   return count < 0 ? nullptr : static_cast<T*>(calloc(static_cast<size_t>(count) + 1, sizeof(T)));
 }
 
-void allocate_columns(int32_t n) {
+// The reference is named as the result has always been named, so that the assertion texts
+// below read as they always have.
+void allocate_columns(QueryResult& queryres, int32_t n) {
   queryres.name = alloc_array<char*>(n);
   queryres.type = alloc_array<const PhysicalType*>(n);
   queryres.ltype = alloc_array<uint32_t>(n);
@@ -61,11 +47,11 @@ void allocate_columns(int32_t n) {
   queryres.data = alloc_array<void*>(n);
   KEST_ASSERT(kFacility, queryres.name && queryres.type && queryres.ltype && queryres.isconst &&
                              queryres.width && queryres.data);
-  text_areas = alloc_array<TextArea>(n);
-  KEST_ASSERT(kFacility, text_areas);
+  queryres.text = alloc_array<TextArea>(n);
+  KEST_ASSERT(kFacility, queryres.text);
 }
 
-void read_names(NetBuffer* netbuf, int32_t n) {
+void read_names(QueryResult& queryres, NetBuffer* netbuf, int32_t n) {
   for (int32_t i = 0; i < n; ++i) {
     const int64_t len = NetBufferGetLen(netbuf);
     queryres.name[i] = static_cast<char*>(malloc(static_cast<size_t>(len) + 1));
@@ -74,7 +60,7 @@ void read_names(NetBuffer* netbuf, int32_t n) {
   }
 }
 
-void read_column_type(NetBuffer* netbuf, int32_t i, int64_t vector_size) {
+void read_column_type(QueryResult& queryres, NetBuffer* netbuf, int32_t i, int64_t vector_size) {
   queryres.isconst[i] = static_cast<int32_t>(NetBufferGetInt(netbuf));
   KEST_ASSERT(kFacility, NetBufferGetLen(netbuf) < MAX_TYPE_NAME);
   char text[MAX_TYPE_NAME];
@@ -101,26 +87,32 @@ void read_column_type(NetBuffer* netbuf, int32_t i, int64_t vector_size) {
   KEST_ASSERT(kFacility, queryres.data[i]);
 }
 
-// Prints a server error as the run shows it: on standard output, and at level 3 in the log.
-void report_server_error(ErrorRecord* error) {
-  const std::string text = server_error_text(error);
-  std::printf("Error: %s\n", text.c_str());
-  ZN_LOG(kFacility, ZN_DEBUG, "%s", text.c_str());
-  free_error(error);
-}
-
-bool is_fixed(int32_t column) { return queryres.type[column]->fixed_size != 0; }
-
-void read_column(NetBuffer* netbuf, int32_t column, int64_t rows) {
-  const int64_t k = queryres.isconst[column] ? 1 : rows;
-  if (is_fixed(column)) {
-    NetBufferGet(netbuf, queryres.data[column], k * queryres.width[column]);
+void read_column(QueryResult& result, NetBuffer* netbuf, int32_t column, int64_t rows) {
+  const int64_t k = result.isconst[column] ? 1 : rows;
+  if (result.type[column]->fixed_size != 0) {
+    NetBufferGet(netbuf, result.data[column], k * result.width[column]);
     return;
   }
   // The printer reads each value as a terminated string: each keeps room for a zero.
-  auto** values = static_cast<char**>(queryres.data[column]);
+  auto** values = static_cast<char**>(result.data[column]);
   const auto left = static_cast<size_t>(netbuf->used - netbuf->pos);
-  NetBufferGetStrs(netbuf, k, text_room(column, left + static_cast<size_t>(k)), values);
+  NetBufferGetStrs(netbuf, k, text_room(result.text[column], left + static_cast<size_t>(k)),
+                   values);
+}
+
+void free_columns(QueryResult& result) {
+  for (int32_t i = 0; result.name && result.name[i]; ++i) {
+    free(result.name[i]);
+    free(result.data[i]);
+    if (result.text) free(result.text[i].bytes);
+  }
+  free(result.name);
+  free(result.type);
+  free(result.ltype);
+  free(result.isconst);
+  free(result.width);
+  free(result.data);
+  free(result.text);
 }
 
 void append_unknown_code_text(std::string& out, const ErrorRecord* record) {
@@ -147,7 +139,7 @@ void append_unknown_code_text(std::string& out, const ErrorRecord* record) {
 
 }  // namespace
 
-void receive_ack(NetBuffer* netbuf, QueryAck* ack) {
+void receive_ack(QueryResult* result, NetBuffer* netbuf, QueryAck* ack) {
   KEST_ASSERT(kFacility, netbuf);
   KEST_ASSERT(kFacility, ack);
   *ack = QueryAck{};
@@ -156,32 +148,24 @@ void receive_ack(NetBuffer* netbuf, QueryAck* ack) {
     ack->error = receive_error(netbuf);
     return;
   }
+  QueryResult& queryres = *result;
   const auto n = static_cast<int32_t>(NetBufferGetInt(netbuf));
   const int64_t vector_size = static_cast<int32_t>(NetBufferGetInt(netbuf));
-  allocate_columns(n);
-  read_names(netbuf, n);
-  for (int32_t i = 0; i < n; ++i) read_column_type(netbuf, i, vector_size);
+  allocate_columns(queryres, n);
+  read_names(queryres, netbuf, n);
+  for (int32_t i = 0; i < n; ++i) read_column_type(queryres, netbuf, i, vector_size);
   ack->column_count = n;
   ack->vector_size = vector_size;
   if (print_results)
-    queryres.printer = printer_open(stdout, n, queryres.name, queryres.type, queryres.ltype,
-                                    queryres.isconst, output_mode_code);
+    queryres.printer =
+        printer_open(queryres.out ? queryres.out : stdout, n, queryres.name, queryres.type,
+                     queryres.ltype, queryres.isconst, output_mode_code);
 }
 
-int64_t receive_data(ClientConnection* connection) {
-  NetBuffer* netbuf = &connection->netbuf;
-  // What was printed must be on the screen before the client waits for the server; when the
-  // next message is already here, the output of both goes out together.
-  if (!NetBufferFrameReady(netbuf)) printer_flush(queryres.printer);
-  const int got = NetBufferRecv(netbuf);
-  if (got <= 0) {
-    ZN_LOG(kFacility, ZN_ERROR, got == 0 ? "connection closed by server" : "network error");
-    return -1;
-  }
+int64_t decode_data(QueryResult* result, NetBuffer* netbuf, int64_t vector_size) {
   if (NetBufferGetInt(netbuf) == kStatusError) {
-    printer_flush(queryres.printer);  // the rows before the error line
-    ErrorRecord* error = receive_error(netbuf);
-    if (error) report_server_error(error);
+    printer_flush(result->printer);  // the rows before the error line
+    report_server_error(receive_error(netbuf));
     return -1;
   }
   const int64_t rows = static_cast<int32_t>(NetBufferGetInt(netbuf));
@@ -193,14 +177,34 @@ int64_t receive_data(ClientConnection* connection) {
     ZN_LOG(kFacility, ZN_DEBUG, "Invalid number of tuples");
     return -1;
   }
-  if (rows > connection->vector_size) {
+  if (rows > vector_size) {
     ZN_LOG(kFacility, ZN_ERROR, "Received more tuples than vectorsize. Aborting.");
     return -1;
   }
-  for (int32_t i = 0; queryres.name && queryres.name[i]; ++i) read_column(netbuf, i, rows);
-  if (print_results && queryres.printer)
-    printer_rows(queryres.printer, queryres.data, nullptr, rows);
+  for (int32_t i = 0; result->name && result->name[i]; ++i) read_column(*result, netbuf, i, rows);
+  if (print_results && result->printer) printer_rows(result->printer, result->data, nullptr, rows);
   return rows;
+}
+
+int64_t receive_data(ClientConnection* connection) {
+  NetBuffer* netbuf = &connection->netbuf;
+  // What was printed must be on the screen before the client waits for the server; when the
+  // next message is already here, the output of both goes out together.
+  if (!NetBufferFrameReady(netbuf)) printer_flush(connection->result.printer);
+  const int got = NetBufferRecv(netbuf);
+  if (got <= 0) {
+    ZN_LOG(kFacility, ZN_ERROR, got == 0 ? "connection closed by server" : "network error");
+    return -1;
+  }
+  return decode_data(&connection->result, netbuf, connection->vector_size);
+}
+
+void query_finish(QueryResult* result) {
+  if (result->printer) printer_close(result->printer);
+  FILE* const out = result->out;
+  free_columns(*result);
+  *result = QueryResult{};
+  result->out = out;  // where results go is the session's choice, not the query's
 }
 
 ErrorRecord* receive_error(NetBuffer* netbuf) {
@@ -256,17 +260,11 @@ std::string server_error_text(const ErrorRecord* record) {
   return text;
 }
 
-void queryres_free() {
-  free_text_areas();
-  for (int32_t i = 0; queryres.name && queryres.name[i]; ++i) {
-    free(queryres.name[i]);
-    free(queryres.data[i]);
-  }
-  free(queryres.name);
-  free(queryres.type);
-  free(queryres.ltype);
-  free(queryres.isconst);
-  free(queryres.width);
-  free(queryres.data);
-  queryres = QueryResult{};
+void report_server_error(ErrorRecord* record) {
+  if (record == nullptr) return;
+  const std::string text = server_error_text(record);
+  std::printf("Error: %s\n", text.c_str());
+  std::fflush(stdout);
+  ZN_LOG(kFacility, ZN_DEBUG, "%s", text.c_str());
+  free_error(record);
 }

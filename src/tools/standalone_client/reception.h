@@ -1,5 +1,5 @@
 // Result set reception: parses the acknowledgement and the data messages that answer a query into
-// the per-query result layout `queryres`, and hands each batch of rows to the printer.
+// the query's result layout (QueryResult), and hands each batch of rows to the printer.
 //
 // Acknowledgement: int status (-1: an error record follows instead), int column count n, int
 // vector size, n names (str), then per column int isconst, str logical type, str physical type.
@@ -8,11 +8,15 @@
 // a fixed-size physical type, else k vars.
 // Error record: int code, int parameter count p, p strs.
 //
+// The decoders (receive_ack, decode_data) read a message that is already held by a NetBuffer,
+// however it got there: from the socket (receive_data wraps the receive) or loaded from bytes.
+//
 // A malformed message (a field running past the frame) ends the process through the network
 // buffer's assertions; so do an over-long logical type text and an unknown physical type.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 #include "utils/kest_error.h"
@@ -25,8 +29,16 @@ struct ClientConnection;
 // A logical type text must be shorter than this.
 constexpr int MAX_TYPE_NAME = 64;
 
-// The per-query result layout: parallel arrays over the n columns, allocated by receive_ack
-// and freed by queryres_free at the end of the query. Every data message reuses the data areas.
+// The texts of one variable-size column for one message, end to end in one block that every
+// message of the query reuses.
+struct TextArea {
+  char* bytes;  // owned
+  size_t size;
+};
+
+// One query's result: the only owner of everything the query holds. receive_ack fills it,
+// every data message reuses its data areas, and query_finish (or query_cancel) closes the
+// printer and frees the rest, leaving it empty for the next query. An empty result is all zero.
 struct QueryResult {
   char** name;                // n + 1 owned texts, the last null (marks the end of the columns)
   const PhysicalType** type;  // registry records, not owned
@@ -34,14 +46,15 @@ struct QueryResult {
   int32_t* isconst;           // non-zero: one value stands for every row
   int32_t* width;             // bytes per value
   void** data;                // width x (1 if constant, else the vector size) bytes each; a
-                              // variable-size column holds one char* per value, valid only
-                              // while the message that carried it is being printed
+                              // variable-size column holds one char* per value into `text`,
+                              // valid only while the message that carried it is being printed
+  TextArea* text;             // n areas: the variable-size values of the current message
   ResultPrinter* printer;     // open while results are printed, else null
+  FILE* out;                  // where the printer writes; null means standard output
 };
-extern QueryResult queryres;
 
 // What an acknowledgement said: an error record (then column_count and vector_size are 0), or
-// the shape of the result with queryres filled.
+// the shape of the result with the QueryResult filled.
 struct QueryAck {
   bool is_error;       // the status was -1
   ErrorRecord* error;  // the record (null when memory ran out); owned by the caller, free_error
@@ -49,14 +62,23 @@ struct QueryAck {
   int64_t vector_size;
 };
 
-// Parses the acknowledgement held by `netbuf` (already received). When results are printed and
-// the acknowledgement is not an error, opens the printer on standard output, which prints the
-// head. REQUIRES: netbuf and ack are not null; queryres is empty.
-void receive_ack(NetBuffer* netbuf, QueryAck* ack);
-// Receives and parses one data message on the connection: the row count (> 0), 0 at the end of
-// the results, or -1 on any failure (a closed connection, a network error, an error record from
-// the server, which is printed as "Error: ..." on standard output, or a bad row count).
+// Parses the acknowledgement held by `netbuf` (already received) into `result`. When results
+// are printed and the acknowledgement is not an error, opens the printer on result->out, which
+// prints the head. REQUIRES: netbuf and ack are not null; result is empty.
+void receive_ack(QueryResult* result, NetBuffer* netbuf, QueryAck* ack);
+// Decodes the data message held by `netbuf` into `result` and prints its rows: the row count
+// (> 0), 0 at the end of the results, or -1 for an error record from the server (printed as
+// "Error: ..." on standard output) or a row count that is negative or above `vector_size`.
+// After -1 the rest of the message is unread.
+int64_t decode_data(QueryResult* result, NetBuffer* netbuf, int64_t vector_size);
+// Receives one data message on the connection and decodes it into connection->result: as
+// decode_data, and -1 also for a closed connection or a network error. What the printer holds
+// is written out before the client waits for the server.
 int64_t receive_data(ClientConnection* connection);
+// Ends the query: prints the footer when the printer is open (also after a failed stream),
+// then frees everything `result` holds. The result is empty afterwards; an empty one is ignored.
+void query_finish(QueryResult* result);
+
 // Reads an error record at the buffer's read position; null when memory runs out.
 ErrorRecord* receive_error(NetBuffer* netbuf);
 // Frees the parameters, their array and the record; null is ignored.
@@ -64,6 +86,7 @@ void free_error(ErrorRecord* record);
 // The message of a received error: the table's template filled with the parameters, or, for a
 // code outside the table, a text naming the code and listing the parameters.
 std::string server_error_text(const ErrorRecord* record);
-// Frees the names, the data areas and the arrays, and leaves queryres empty. The printer must
-// have been closed.
-void queryres_free();
+// Shows a server error as the run reports it: "Error: <message>\n" on standard output (flushed)
+// and the message at level 3 in the log; then frees the record. A null record (memory ran out
+// while reading it, already logged) prints nothing.
+void report_server_error(ErrorRecord* record);

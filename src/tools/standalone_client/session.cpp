@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "tools/standalone_client/client_globals.h"
-#include "tools/standalone_client/printer.h"
+#include "tools/standalone_client/connection.h"
 #include "tools/standalone_client/reception.h"
 #include "utils/file.h"
 #include "utils/netbuffer_socket.h"
@@ -22,9 +22,6 @@ constexpr const char* kFacility = "KESTCLIENT";
 constexpr size_t kKeyBytes = 65;  // 64 key bytes and a terminating zero
 constexpr uint32_t kFirstPauseMs = 400;
 constexpr uint32_t kRequestQuery = 1;
-// Property "passfile" of group "client".
-constexpr int kGroupClient = 3;
-constexpr int kPropPassfile = 22;
 
 void real_sleep(uint32_t ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
@@ -59,8 +56,9 @@ bool server_address(const char* host, uint32_t* address) {
 }
 
 void load_key(char* key) {
-  const char* passfile =
-      client_config ? znconfig_get_str(client_config, kGroupClient, kPropPassfile) : nullptr;
+  const char* passfile = client_config ? znconfig_get_str(client_config, ZNCONFIG_GROUP_CLIENT,
+                                                          ZNCONFIG_CLIENT_PASSFILE)
+                                       : nullptr;
   key[0] = '\0';
   // The reader logs its own complaints; whatever it read stays in the key and is sent.
   if (passfile != nullptr && passfile[0] != '\0') read_auth_file(passfile, key);
@@ -75,26 +73,13 @@ int send_query(ClientConnection* connection, const char* query) {
   return NetBufferSend(netbuf);
 }
 
+// Reads data messages to the end of the results or the first failure: 0 or -1.
 int read_results(ClientConnection* connection) {
   int64_t result = 0;
   do {
     result = receive_data(connection);
   } while (result > 0);
-  if (print_results && queryres.printer) {
-    printer_close(queryres.printer);
-    queryres.printer = nullptr;
-  }
   return result == 0 ? 0 : -1;
-}
-
-// An error acknowledgement is shown to the user at once, flushed before anything else is printed.
-void report_ack_error(ErrorRecord* error) {
-  if (error == nullptr) return;  // receive_error logged the allocation failure
-  const std::string text = server_error_text(error);
-  std::printf("Error: %s\n", text.c_str());
-  std::fflush(stdout);
-  ZN_LOG(kFacility, ZN_DEBUG, "%s", text.c_str());
-  free_error(error);
 }
 
 }  // namespace
@@ -158,9 +143,9 @@ int run_query(ClientConnection* connection, const char* query) {
       ZN_LOG(kFacility, ZN_ERROR, "network error while reading ack");
     } else {
       QueryAck ack;
-      receive_ack(&connection->netbuf, &ack);
+      receive_ack(&connection->result, &connection->netbuf, &ack);
       if (ack.is_error) {
-        report_ack_error(ack.error);
+        report_server_error(ack.error);
       } else {
         connection->column_count = ack.column_count;
         connection->vector_size = ack.vector_size;
@@ -168,7 +153,7 @@ int run_query(ClientConnection* connection, const char* query) {
       }
     }
   }
-  queryres_free();
+  query_finish(&connection->result);
   return result;
 }
 

@@ -8,15 +8,7 @@
 
 #include <cstdint>
 
-#include "utils/netbuffer.h"
-
-struct ClientConnection {
-  int32_t socket;
-  int32_t column_count;  // of the current result
-  int64_t vector_size;   // the most rows one data message of the current result may carry
-  char* key;             // owned, 65 bytes zero-filled: up to 64 key bytes and a zero
-  NetBuffer netbuf;      // owns the socket once connected
-};
+struct ClientConnection;  // connection.h
 
 // Connects to `host` (a dotted IPv4 address when it starts with a digit, else a name to
 // resolve) on `port`, trying `tries` times, and reads the key from the configured passfile.

@@ -22,6 +22,7 @@
 #include "fuzz/support/fuzz_common.h"
 #include "kernel/ltype.h"
 #include "tools/standalone_client/client_globals.h"
+#include "tools/standalone_client/connection.h"
 #include "tools/standalone_client/printer.h"
 #include "tools/standalone_client/reception.h"
 #include "tools/standalone_client/session.h"
@@ -282,11 +283,12 @@ struct ReceiveRun {
 // The client's side of one query after sending it, as run_query does: the acknowledgement, then
 // data messages printed to `out` in `mode` until one ends the results. The outcomes go to `run`
 // when given (the allocation-failure test gives none, so that only client code allocates).
-inline void receive_query(ClientConnection* conn, std::FILE* out, int mode, ReceiveRun* run) {
+inline void receive_query(ClientConnection* conn, std::FILE* out, OutputMode mode,
+                          ReceiveRun* run) {
   print_results = 0;
   const int got = NetBufferRecv(&conn->netbuf);
   QueryAck ack;
-  if (got > 0) receive_ack(&conn->netbuf, &ack);
+  if (got > 0) receive_ack(&conn->result, &conn->netbuf, &ack);
   if (got <= 0) {
     if (run) run->events = "no ack " + std::to_string(got);
   } else if (ack.is_error) {
@@ -295,22 +297,20 @@ inline void receive_query(ClientConnection* conn, std::FILE* out, int mode, Rece
   } else {
     conn->vector_size = ack.vector_size;
     conn->column_count = ack.column_count;
-    queryres.printer = printer_open(out, ack.column_count, queryres.name, queryres.type,
-                                    queryres.ltype, queryres.isconst, mode);
+    QueryResult& r = conn->result;
+    r.printer = printer_open(out, ack.column_count, r.name, r.type, r.ltype, r.isconst, mode);
     print_results = 1;
     for (int64_t rows = 1; rows > 0;) {
       rows = receive_data(conn);
       if (run) run->rows.push_back(rows);
     }
     print_results = 0;
-    printer_close(queryres.printer);
-    queryres.printer = nullptr;
   }
-  queryres_free();
+  query_finish(&conn->result);
 }
 
 // The client's reception of `stream` delivered as `d` says, printed to a temporary file.
-inline ReceiveRun run_reception(std::string_view stream, int mode, Delivery d) {
+inline ReceiveRun run_reception(std::string_view stream, OutputMode mode, Delivery d) {
   ReceiveRun run;
   int32_t client = -1, peer = -1;
   std::FILE* out = std::tmpfile();
@@ -351,7 +351,7 @@ inline std::string check_receive(const uint8_t* data, size_t size, bool* skipped
   fuzz_init();
   if (skipped) *skipped = true;
   if (size < 2) return {};
-  const int mode = data[0] & 3;
+  const auto mode = static_cast<OutputMode>(data[0] & 3);
   const uint32_t seed = data[1];
   const std::string_view stream(reinterpret_cast<const char*>(data) + 2, size - 2);
   const StreamModel model = model_stream(stream);

@@ -195,13 +195,13 @@ inline std::string check_options(const uint8_t* data, size_t size) {
   for (std::string& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   const int argc = static_cast<int>(args.size());
-  get_option_reset();
+  OptionCursor cursor;
   // Every call consumes an argument or a letter of a cluster.
   const size_t bound = size + args.size() + 2;
   for (size_t step = 0;; ++step) {
     if (step > bound) return "the scan does not end";
     const char* optarg = nullptr;
-    const int letter = get_option(argc, argv.data(), kest_client_options, &optarg);
+    const int letter = get_option(&cursor, argc, argv.data(), kest_client_options, &optarg);
     // The run stops at a refusal (and "-?" asks for the usage text, which ends it too).
     if (letter == GET_OPTION_END || letter == GET_OPTION_REFUSED) break;
     const LongOption* o = kest_client_options;
@@ -209,7 +209,8 @@ inline std::string check_options(const uint8_t* data, size_t size) {
     if (o->name == nullptr) return "unknown letter " + std::to_string(letter);
     if ((optarg != nullptr) != (o->has_arg != 0))
       return std::string("value presence wrong for -") + static_cast<char>(letter);
-    if (letter == 'o' && client_output_mode_code(optarg) > 3) return "output mode out of range";
+    if (letter == 'o' && static_cast<int>(client_output_mode_code(optarg)) > 3)
+      return "output mode out of range";
   }
   return {};
 }
