@@ -31,9 +31,16 @@ enum ZnConfigClientProperty : int {
   ZNCONFIG_CLIENT_HOST = 20,                // STR, default "localhost"
   ZNCONFIG_CLIENT_CONNECTION_RETRIES = 21,  // LNG, default 3
   ZNCONFIG_CLIENT_PASSFILE = 22,            // STR, default null
+  // The client's own settings, beyond the classic ones.
+  ZNCONFIG_CLIENT_FORMAT = 123,   // STR, default null: the output format by its --format name
+  ZNCONFIG_CLIENT_NULL = 124,     // STR, default null: how a null prints
+  ZNCONFIG_CLIENT_TIMING = 125,   // BOOL, default false: wall time and rows after each query
+  ZNCONFIG_CLIENT_QUIET = 126,    // BOOL, default false: the logger starts at warn level
+  ZNCONFIG_CLIENT_TIMEOUT = 127,  // DBL, default 0: seconds without a byte from the server
+                                  // before a query fails; 0 waits for ever
 };
-constexpr int ZNCONFIG_PROPERTY_COUNT = 123;  // ids 1 to 122 name a property; id 0 none
-constexpr int ZNCONFIG_RULE_COUNT = 29;       // rule 0 is the empty "no rule" entry
+constexpr int ZNCONFIG_PROPERTY_COUNT = 128;  // ids 1 to 127 name a property; id 0 none
+constexpr int ZNCONFIG_RULE_COUNT = 30;       // rule 0 is the empty "no rule" entry
 
 // A range (and optionally a validator) for a numeric property. Bounds are integers for an LNG
 // rule and floats for a DBL rule.

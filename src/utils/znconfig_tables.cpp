@@ -17,14 +17,17 @@ constexpr ValidationRule dbl_rule(double min, double max) {
   return {PROP_TPE_DBL, property_slot_dbl(min), property_slot_dbl(max), nullptr};
 }
 
+// The one rule on a number of seconds (fractions allowed).
+constexpr uint32_t kSecondsRule = 29;
+
 constexpr auto kRuleMap = [] {
   std::array<uint32_t, ZNCONFIG_PROPERTY_COUNT> map{};
   constexpr std::pair<int, uint32_t> kPairs[] = {
-      {6, 9},   {14, 25}, {18, 9},  {34, 1},  {35, 1},  {36, 2},   {37, 3},  {38, 3},
-      {40, 15}, {41, 15}, {42, 16}, {43, 17}, {44, 18}, {45, 4},   {47, 5},  {48, 6},
-      {53, 1},  {54, 1},  {55, 1},  {62, 8},  {63, 8},  {68, 10},  {70, 11}, {72, 20},
-      {73, 21}, {74, 22}, {75, 1},  {76, 2},  {79, 12}, {80, 14},  {82, 10}, {87, 1},
-      {88, 23}, {91, 19}, {97, 26}, {98, 27}, {99, 28}, {101, 25}, {102, 24}};
+      {6, 9},   {14, 25}, {18, 9},  {34, 1},  {35, 1},  {36, 2},   {37, 3},   {38, 3},
+      {40, 15}, {41, 15}, {42, 16}, {43, 17}, {44, 18}, {45, 4},   {47, 5},   {48, 6},
+      {53, 1},  {54, 1},  {55, 1},  {62, 8},  {63, 8},  {68, 10},  {70, 11},  {72, 20},
+      {73, 21}, {74, 22}, {75, 1},  {76, 2},  {79, 12}, {80, 14},  {82, 10},  {87, 1},
+      {88, 23}, {91, 19}, {97, 26}, {98, 27}, {99, 28}, {101, 25}, {102, 24}, {127, kSecondsRule}};
   for (auto [pid, rule] : kPairs) map[pid] = rule;
   return map;
 }();
@@ -165,6 +168,11 @@ constexpr ZnConfigDefault kDefaults[] = {
     {kEngine, 120, B, nullptr},     // derive_minmax_value_ranges
     {kEngine, 121, B, nullptr},     // derive_selected_value_ranges
     {kEngine, 122, B, nullptr},     // drop_columns_eagerly
+    {kClient, 123, S, nullptr},     // format
+    {kClient, 124, S, nullptr},     // null
+    {kClient, 125, B, "false"},     // timing
+    {kClient, 126, B, "false"},     // quiet
+    {kClient, 127, D, "0"},         // timeout
 };
 
 constexpr bool rows_in_id_order() {
@@ -180,7 +188,7 @@ constexpr bool rule_types_match() {
   for (const ZnConfigDefault& row : kDefaults) {
     const uint32_t rule = kRuleMap[row.pid];
     if (rule == 0) continue;
-    const uint32_t rule_tpe = rule == 1 ? PROP_TPE_DBL : PROP_TPE_LNG;
+    const uint32_t rule_tpe = rule == 1 || rule == kSecondsRule ? PROP_TPE_DBL : PROP_TPE_LNG;
     if (row.tpe != rule_tpe) return false;
   }
   return true;
@@ -231,7 +239,9 @@ const char* const znconfig_property_names[ZNCONFIG_PROPERTY_COUNT] = {
     "memfail_specific_name", "memfail_specific_count", "memfail_specific_random_min",
     "memfail_specific_random_max", "sort_intmemory", "sort_inttuples", "sort_extmemory",
     "sort_extfanin", "sort_compression", "derive_minmax_value_ranges",
-    "derive_selected_value_ranges", "drop_columns_eagerly"};
+    "derive_selected_value_ranges", "drop_columns_eagerly",
+    // client, beyond the classic table
+    "format", "null", "timing", "quiet", "timeout"};
 
 const ValidationRule znconfig_rules[ZNCONFIG_RULE_COUNT] = {
     {},                                               // 0: no rule
@@ -263,6 +273,7 @@ const ValidationRule znconfig_rules[ZNCONFIG_RULE_COUNT] = {
     lng_rule(0, 256 * T),                             // 26
     lng_rule(16, 10 * M),                             // 27
     lng_rule(1, 16 * M),                              // 28
+    dbl_rule(0.0, 31536000.0),                        // 29: a year of seconds
 };
 
 const std::array<uint32_t, ZNCONFIG_PROPERTY_COUNT> znconfig_rule_map = kRuleMap;
