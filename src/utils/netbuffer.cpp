@@ -109,12 +109,20 @@ int64_t fill(NetBuffer* buf) {
 }
 
 // What a receive did while reading the frame header.
-enum class HeaderResult { kComplete, kClosed, kError };
+enum class HeaderResult { kComplete, kClosed, kError, kTimedOut };
+
+// A receive whose time-out ran out: no byte came for as long as the socket allows.
+bool timed_out(int64_t n) {
+  if (n >= 0 || !net_error_is_timeout(net_last_error())) return false;
+  ZN_LOG(kFacility, ZN_INFO, "No data within the receive time-out");
+  return true;
+}
 
 HeaderResult receive_header(NetBuffer* buf) {
   while (buf->pos < buf->used) {
     const int64_t n = fill(buf);
     if (n > 0) continue;
+    if (timed_out(n)) return HeaderResult::kTimedOut;
     const int error = n == 0 ? 0 : net_last_error();
     if (n == 0 || net_error_is_reset(error)) {
       if (n != 0) buf->state = NETBUF_RESET;
@@ -131,6 +139,7 @@ int receive_body(NetBuffer* buf) {
   while (buf->pos < buf->used) {
     const int64_t n = fill(buf);
     if (n > 0) continue;
+    if (timed_out(n)) return -2;
     if (n == 0)
       ZN_LOG(kFacility, ZN_ERROR, "Remote socket closed while receiving");
     else
@@ -250,6 +259,8 @@ int NetBufferRecv(NetBuffer* buf) {
       return 0;
     case HeaderResult::kError:
       return -1;
+    case HeaderResult::kTimedOut:
+      return -2;
     case HeaderResult::kComplete:
       break;
   }
@@ -261,7 +272,7 @@ int NetBufferRecv(NetBuffer* buf) {
   }
   buf->used = static_cast<int32_t>(total);
   make_room(buf, total);
-  if (receive_body(buf) != 0) return -1;
+  if (const int body = receive_body(buf); body != 0) return body;
   buf->state = NETBUF_PARSING;
   buf->pos = 4;
   return 1;

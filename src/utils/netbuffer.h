@@ -82,7 +82,9 @@ int NetBufferSend(NetBuffer* buf);
 // field), 0 when the peer closed or reset the connection before a frame header was complete
 // (a reset also moves the buffer to NETBUF_RESET, and a buffer already reset returns 0 at once),
 // -1 on any other error, a peer that closes inside a message, or a length field outside
-// 4 .. NETBUF_MAX_FRAME. A frame already read ahead is taken without touching the socket.
+// 4 .. NETBUF_MAX_FRAME; -2 when the socket's receive time-out (net_set_receive_timeout) ran out
+// before the message was complete (logged at info: the caller reports it). A frame already read
+// ahead is taken without touching the socket.
 int NetBufferRecv(NetBuffer* buf);
 // True when a whole frame has already been read ahead, so that NetBufferRecv will not wait.
 bool NetBufferFrameReady(const NetBuffer* buf);

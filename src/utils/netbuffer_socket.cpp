@@ -107,6 +107,45 @@ int net_set_nodelay(int32_t s) {
              : -1;
 }
 
+int net_set_keepalive(int32_t s) {
+  int one = 1;
+  if (setsockopt(native(s), SOL_SOCKET, SO_KEEPALIVE, reinterpret_cast<const char*>(&one),
+                 sizeof one) != 0)
+    return -1;
+#ifdef TCP_KEEPIDLE
+  int idle = 60, interval = 10, probes = 6;
+  setsockopt(native(s), IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
+  setsockopt(native(s), IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval);
+  setsockopt(native(s), IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+#endif
+  return 0;
+}
+
+int net_set_receive_timeout(int32_t s, int64_t microseconds) {
+  if (microseconds < 0) microseconds = 0;
+#ifdef _WIN32
+  const DWORD ms =
+      static_cast<DWORD>(microseconds > 0 && microseconds < 1000 ? 1 : microseconds / 1000);
+  return setsockopt(native(s), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&ms),
+                    sizeof ms) == 0
+             ? 0
+             : -1;
+#else
+  timeval tv;
+  tv.tv_sec = static_cast<time_t>(microseconds / 1000000);
+  tv.tv_usec = static_cast<suseconds_t>(microseconds % 1000000);
+  return setsockopt(native(s), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0 ? 0 : -1;
+#endif
+}
+
+bool net_error_is_timeout(int error) {
+#ifdef _WIN32
+  return error == WSAETIMEDOUT;
+#else
+  return error == EAGAIN || error == EWOULDBLOCK;
+#endif
+}
+
 int net_close(int32_t s) {
 #ifdef _WIN32
   return closesocket(native(s)) == 0 ? 0 : -1;

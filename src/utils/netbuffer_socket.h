@@ -33,6 +33,15 @@ int32_t net_tcp_socket();
 int net_connect(int32_t s, uint32_t address, uint16_t port);
 // Sets TCP_NODELAY to 1; 0 or -1.
 int net_set_nodelay(int32_t s);
+// Turns TCP keep-alive on (probes after a minute of silence where the system lets us choose), so
+// that a peer that vanished is noticed on an idle connection; 0 or -1.
+int net_set_keepalive(int32_t s);
+// Makes every receive on `s` fail with a time-out error once `microseconds` pass without a byte
+// (0: wait for ever); 0 or -1.
+int net_set_receive_timeout(int32_t s, int64_t microseconds);
+// True for the error numbers of a receive whose time-out ran out (EAGAIN/EWOULDBLOCK,
+// WSAETIMEDOUT).
+bool net_error_is_timeout(int error);
 // Closes the socket; 0 or -1.
 int net_close(int32_t s);
 // Closes the socket so that the peer sees a connection reset (RST) rather than an orderly end.

@@ -54,6 +54,12 @@ std::string usage(const std::string& port) {
          "  -v, --version         print version and exit\n";
 }
 
+size_t count_of(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
 class ClientE2E : public testing::Test {
  protected:
   void SetUp() override {
@@ -321,6 +327,26 @@ TEST_F(ClientE2E, FaultsOfTheServerEndTheClientAsShown) {
     if (c.end == kOk) {
       EXPECT_EQ(r.out, c.expected);
     }
+  }
+}
+
+// A server that accepts and never answers: --timeout (or the settings key) fails each query,
+// naming where and how long, and the next query runs on a connection opened anew.
+TEST_F(ClientE2E, ASilentServerTimesOutAndTheNextQueryReconnects) {
+  ServerOptions o;
+  o.fault = Fault::no_answer;
+  start(o);
+  const std::string where = "no data from the server at 127.0.0.1:" + std::to_string(port_);
+  const std::string settings = write("timeout.conf", "[client]\ntimeout = 0.3\n");
+  for (const Args& timeout :
+       {Args{"--timeout", "0.3"}, Args{"--timeout=0.3"}, Args{"-c", settings}}) {
+    Args args = timeout;
+    args.insert(args.end(), {"-i", "-e", "Array([i=1]);Array([i=2])"});
+    ProcessResult r = client(args);
+    ASSERT_TRUE(r.exited) << r.err;
+    EXPECT_EQ(r.status, -1);
+    EXPECT_EQ(count_of(r.err, where + " for 0.3 seconds"), 2u) << r.err;
+    EXPECT_EQ(count_of(r.err, "re-opening the connection"), 1u) << r.err;
   }
 }
 

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "kernel/ltype.h"
 #include "support/scripted_peer.h"
 #include "tools/standalone_client/client_globals.h"
 #include "utils/netbuffer_socket.h"
@@ -208,6 +209,57 @@ TEST_F(Session, AfterAResetEveryQueryFailsWithoutTouchingTheSocket) {
   EXPECT_THAT(log, HasSubstr("network error while sending query"));
   client_disconnect(connection);
   EXPECT_TRUE(peer.join());
+}
+
+}  // namespace
+
+namespace {
+
+std::string ints(std::initializer_list<int32_t> values) {
+  std::string out;
+  for (int32_t v : values) out.append(reinterpret_cast<const char*>(&v), sizeof v);
+  return out;
+}
+
+// An answer that fails before its end leaves the rest in the stream; with errors ignored the
+// next query must read its own answer, never the rest of the old one.
+TEST_F(Session, AnUnfinishedAnswerIsDrainedBeforeTheNextQuery) {
+  const kest_test::Column col{"a", "sint", "sint"};
+  const struct {
+    const char* name;
+    std::string first_answer;
+  } cases[] = {
+      {"more rows than the vector size", kest_test::ack(2, {col}) +
+                                             kest_test::data(3, ints({1, 2, 3})) +
+                                             kest_test::data(1, ints({4})) + kest_test::data(0)},
+      {"a negative row count", kest_test::ack(2, {col}) + frame(be32(0) + be32(0xFFFFFFF0u)) +
+                                   kest_test::data(1, ints({5})) + kest_test::data(0)},
+      {"an error record ends the answer",  // nothing to drain: the next frame is the new answer
+       kest_test::ack(2, {col}) + kest_test::data(1, ints({6})) + kest_test::error_record(21, {})},
+  };
+  types_init();
+  const OutputMode saved_mode = output_mode_code;
+  output_mode_code = OutputMode::kRaw;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScriptedPeer peer;
+    peer.read_frame()
+        .send(c.first_answer)
+        .read_frame()
+        .send(kest_test::ack(2, {col}) + kest_test::data(1, ints({42})) + kest_test::data(0));
+    peer.start();
+    ClientConnection* connection = client_connect("127.0.0.1", peer.port(), 1);
+    ASSERT_NE(connection, nullptr);
+    EXPECT_EQ(run_query(connection, "first"), -1);
+    print_results = 1;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run_query(connection, "second"), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "42\n");
+    print_results = 0;
+    client_disconnect(connection);
+    EXPECT_TRUE(peer.join());
+  }
+  output_mode_code = saved_mode;
 }
 
 }  // namespace

@@ -86,16 +86,22 @@ bool act(int letter, const char* value, int argc, char** argv, ClientRun* run,
 }
 
 // The client's own long options, beyond the classic table.
+enum ExtendedId : int {
+  kOptTimeout = 1,
+};
+
 constexpr ExtendedOption kExtendedOptions[] = {
+    {"timeout", 1, kOptTimeout},
     {nullptr, 0, 0},
 };
 
 // Acts on one extended option; false when the run must end (the outcome is then in *end).
 bool act_extended(int id, const char* value, ClientRun* run, OptionsOutcome* end) {
-  (void)value;
-  (void)run;
   (void)end;
   switch (id) {
+    case kOptTimeout:
+      znconfig_set_by_id(run->config, kClient, ZNCONFIG_CLIENT_TIMEOUT, value);
+      return true;
     default:
       return true;
   }
@@ -138,6 +144,7 @@ int run_queries(ClientRun* run) {
   const char* host = znconfig_get_str(run->config, kClient, ZNCONFIG_CLIENT_HOST);
   ClientConnection* connection = client_connect(host, port, tries);
   if (!connection) return -1;
+  session_set_timeout(connection, znconfig_get_dbl(run->config, kClient, ZNCONFIG_CLIENT_TIMEOUT));
   const int status = run_all(connection, splitter.qs, run->ignore_errors);
   client_disconnect(connection);
   return status;

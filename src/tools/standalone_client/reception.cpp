@@ -166,6 +166,7 @@ int64_t decode_data(QueryResult* result, NetBuffer* netbuf, int64_t vector_size)
   if (NetBufferGetInt(netbuf) == kStatusError) {
     printer_flush(result->printer);  // the rows before the error line
     report_server_error(receive_error(netbuf));
+    result->failure = DataFailure::kServerError;
     return -1;
   }
   const int64_t rows = static_cast<int32_t>(NetBufferGetInt(netbuf));
@@ -175,10 +176,12 @@ int64_t decode_data(QueryResult* result, NetBuffer* netbuf, int64_t vector_size)
   }
   if (rows < 0) {
     ZN_LOG(kFacility, ZN_DEBUG, "Invalid number of tuples");
+    result->failure = DataFailure::kRowCount;
     return -1;
   }
   if (rows > vector_size) {
     ZN_LOG(kFacility, ZN_ERROR, "Received more tuples than vectorsize. Aborting.");
+    result->failure = DataFailure::kRowCount;
     return -1;
   }
   for (int32_t i = 0; result->name && result->name[i]; ++i) read_column(*result, netbuf, i, rows);
@@ -192,11 +195,26 @@ int64_t receive_data(ClientConnection* connection) {
   // next message is already here, the output of both goes out together.
   if (!NetBufferFrameReady(netbuf)) printer_flush(connection->result.printer);
   const int got = NetBufferRecv(netbuf);
+  if (got == -2) {  // only with a receive time-out, which the session reports
+    connection->result.failure = DataFailure::kTimedOut;
+    return -1;
+  }
   if (got <= 0) {
     ZN_LOG(kFacility, ZN_ERROR, got == 0 ? "connection closed by server" : "network error");
+    connection->result.failure = DataFailure::kConnection;
     return -1;
   }
   return decode_data(&connection->result, netbuf, connection->vector_size);
+}
+
+void query_cancel(QueryResult* result) {
+  const bool printing = result->printer != nullptr;
+  FILE* const out = result->out ? result->out : stdout;
+  query_finish(result);
+  if (printing) {
+    std::fputs("Cancelled: the rest of the result was not shown.\n", out);
+    std::fflush(out);
+  }
 }
 
 void query_finish(QueryResult* result) {

@@ -36,6 +36,15 @@ struct TextArea {
   size_t size;
 };
 
+// Why the last data message failed the query, which tells what is left in the stream.
+enum class DataFailure : int32_t {
+  kNone = 0,
+  kServerError,  // an error record: the answer ends with it
+  kRowCount,     // a row count out of range: the rest of the answer is still to come
+  kConnection,   // closed, a network error, or the receive time-out ran out (kTimedOut)
+  kTimedOut,
+};
+
 // One query's result: the only owner of everything the query holds. receive_ack fills it,
 // every data message reuses its data areas, and query_finish (or query_cancel) closes the
 // printer and frees the rest, leaving it empty for the next query. An empty result is all zero.
@@ -51,6 +60,7 @@ struct QueryResult {
   TextArea* text;             // n areas: the variable-size values of the current message
   ResultPrinter* printer;     // open while results are printed, else null
   FILE* out;                  // where the printer writes; null means standard output
+  DataFailure failure;        // set when decode_data or receive_data returns -1
 };
 
 // What an acknowledgement said: an error record (then column_count and vector_size are 0), or
@@ -78,6 +88,10 @@ int64_t receive_data(ClientConnection* connection);
 // Ends the query: prints the footer when the printer is open (also after a failed stream),
 // then frees everything `result` holds. The result is empty afterwards; an empty one is ignored.
 void query_finish(QueryResult* result);
+
+// Ends a query whose result was cancelled: as query_finish, and after the footer a line on the
+// same stream that says the result was cancelled (when the printer was open).
+void query_cancel(QueryResult* result);
 
 // Reads an error record at the buffer's read position; null when memory runs out.
 ErrorRecord* receive_error(NetBuffer* netbuf);

@@ -27,6 +27,27 @@ int run_query(ClientConnection* connection, const char* query);
 // Closes the socket and frees the key and the record; null is ignored.
 void client_disconnect(ClientConnection* connection);
 
+// Fails a query when no byte arrives from the server for `seconds` (0 or less: no limit). The
+// failure names the host, the port and the seconds waited, and the connection is re-opened
+// before the next query.
+void session_set_timeout(ClientConnection* connection, double seconds);
+
+// Before a query is sent, brings a stream that an earlier answer left unfinished back to the
+// start of an answer: drains what is left of that answer (for at most a second), or drops the
+// connection and opens a new one (logged at warn). 0, or -1 when no connection could be made.
+// run_query calls it first; a caller may call it early (after a cancelled result, say).
+int session_settle(ClientConnection* connection);
+
+// Cancelling. While armed, the session waits for the server in short slices and looks for a
+// request between them and between messages; a request stops the result at once (the printer
+// closes the table and says the result was cancelled), the query fails, and the rest of the
+// answer is dropped by the next session_settle. session_request_cancel only sets a flag: it is
+// safe in a signal handler and from another thread.
+void session_arm_cancel(bool armed);
+void session_request_cancel();
+// True when the last query ended because it was cancelled (cleared when the next one starts).
+bool session_query_cancelled();
+
 // The pause between connection tries; tests replace it. Null restores the real sleep.
 using SessionSleepFn = void (*)(uint32_t milliseconds);
 void session_set_sleep(SessionSleepFn sleep);
