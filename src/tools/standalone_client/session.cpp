@@ -57,6 +57,12 @@ bool server_address(const char* host, uint32_t* address) {
     }
     return true;
   }
+  // The loopback name needs no resolver: reading the system's resolver configuration and hosts
+  // file was most of the system calls of a short run.
+  if (std::strcmp(host, "localhost") == 0) {
+    *address = net_loopback_address();
+    return true;
+  }
   errno = 0;
   if (net_resolve(host, address) != 0) {
     ZN_LOG(kFacility, ZN_ERROR, "address not found for host %s: %s", host, errno_text());
@@ -242,7 +248,8 @@ ClientConnection* client_connect(const char* host, int64_t port, int64_t tries) 
 void session_set_timeout(ClientConnection* connection, double seconds) {
   connection->timeout_us = seconds > 0 ? static_cast<int64_t>(seconds * 1e6 + 0.5) : 0;
   if (connection->timeout_us > 0 && connection->timeout_us < 1000) connection->timeout_us = 1000;
-  net_set_receive_timeout(connection->socket, connection->timeout_us);
+  if (connection->timeout_us > 0)
+    net_set_receive_timeout(connection->socket, connection->timeout_us);
 }
 
 int session_settle(ClientConnection* connection) {
