@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian machine lacks to build, test and demo the project.
-#   bash scripts/install-deps.sh         # everything: tests, sanitizers, Windows build, fuzzing
+#   bash scripts/install-deps.sh         # everything: tests, sanitizers, Windows build, fuzzing,
+#                                        # the Debian package and its checks
 #   bash scripts/install-deps.sh demo    # only what the demo needs: a compiler and CMake
 set -euo pipefail
 SUDO=""; [ "$(id -u)" -eq 0 ] || SUDO="sudo"
@@ -8,7 +9,8 @@ export DEBIAN_FRONTEND=noninteractive
 packages=(cmake ninja-build g++ ccache)
 if [ "${1:-all}" != demo ]; then
   packages+=(clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
-             g++-mingw-w64-x86-64-posix wine64 python3)
+             g++-mingw-w64-x86-64-posix wine64 python3
+             dpkg-dev file man-db bash-completion)
 fi
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq "${packages[@]}" >/dev/null

@@ -234,7 +234,8 @@ TEST(PrinterZeroColumns, EveryModePrintsOnlyTheFrame) {
 
 TEST(PrinterWidths, LongNameIsCappedAt128AndOverrunsTheBox) {
   const std::string name(200, 'n');
-  const std::string rule = "+" + std::string(128, '-') + "+\n";
+  std::string rule = "+";
+  rule.append(128, '-').append("+\n");
   EXPECT_EQ(render(OutputMode::kAscii, {col<int32_t>(name, "sint", {5})}, {1}),
             rule + "|" + name + "|\n" + "|sint" + std::string(124, ' ') + "|\n" + rule + "|" +
                 std::string(127, ' ') + "5|\n" + rule + "(1 row)\n");
@@ -258,8 +259,8 @@ TEST(PrinterWidths, TextsArePaddedByCountedCharacters) {
   };
   for (const auto& c : cases) {
     const std::string out = render(OutputMode::kAscii, {strs("t", "varchar(10)", {c.text})}, {1});
-    const std::string line =
-        "|" + std::string(c.text) + std::string(c.chars < 11 ? 11 - c.chars : 0, ' ') + "|\n";
+    std::string line = "|";
+    line.append(c.text).append(c.chars < 11 ? 11 - c.chars : 0, ' ').append("|\n");
     EXPECT_NE(out.find("+\n" + line + "+"), std::string::npos) << c.text << "\n" << out;
   }
 }

@@ -53,7 +53,8 @@ TEST(LogConfigRules, FieldsComeFromTheListOrTheDefaultAsItStood) {
 
 TEST(LogConfigRules, At128RulesTheNextFacilityIsAnError) {
   std::string text;
-  for (int i = 1; i < kMaxFacilityRules; ++i) text += "F" + std::to_string(i) + " = debug\n";
+  for (int i = 1; i < kMaxFacilityRules; ++i)
+    text.append("F").append(std::to_string(i)).append(" = debug\n");
   // A default entry still fits (it replaces entry 0); one more facility does not.
   text += "default = trace\nONE_TOO_MANY = error\nLATER = warn\n";
   const LogConfig c = parse_log_config(text);

@@ -5,7 +5,11 @@
 #include <cstring>
 
 #include "utils/file.h"
-#include "utils/version.h"
+
+// The project's release, from the build (the packages carry the same number).
+#ifndef KEST_PROJECT_VERSION
+#error "KEST_PROJECT_VERSION must be defined by the build"
+#endif
 
 namespace {
 
@@ -68,9 +72,11 @@ std::string usage_text() {
          "      --fault NAME        misbehave on purpose, for tests: " +
          fault_names() +
          "\n"
-         "  -v                      print the version and exit\n"
+         "  -v, --version           print the version and exit\n"
          "      --help              print this text and exit\n";
 }
+
+std::string version_text() { return "kest_refserver " KEST_PROJECT_VERSION "\n"; }
 
 OptionsResult parse_options(int argc, char** argv, ServerOptions* options) {
   for (int i = 1; i < argc; ++i) {
@@ -79,8 +85,8 @@ OptionsResult parse_options(int argc, char** argv, ServerOptions* options) {
       std::fputs(usage_text().c_str(), stdout);
       return OptionsResult::exit_ok;
     }
-    if (std::strcmp(arg, "-v") == 0) {
-      version("kest_refserver");
+    if (std::strcmp(arg, "-v") == 0 || std::strcmp(arg, "--version") == 0) {
+      std::fputs(version_text().c_str(), stdout);
       return OptionsResult::exit_ok;
     }
     const bool known = is(arg, "-P", "--port") || is(arg, "-h", "--host") ||

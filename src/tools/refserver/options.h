@@ -20,7 +20,10 @@ constexpr int32_t kMaxVectorSize = 1 << 20;
 enum class OptionsResult { run, exit_ok, exit_error };
 
 // Reads argv into `options` (and the key from the passfile). Prints the usage text (--help), the
-// version (-v) or a message naming a bad option (on standard error), as the result says.
+// version (-v, --version) or a message naming a bad option (on standard error), as the result
+// says.
 OptionsResult parse_options(int argc, char** argv, ServerOptions* options);
 // The usage text.
 std::string usage_text();
+// "kest_refserver X.Y.Z\n": the project's release, not the client's build text.
+std::string version_text();
