@@ -1,7 +1,9 @@
 // The socket layer: thin, portable wrappers over the operating system's TCP sockets (Winsock 2 on
 // Windows, BSD sockets elsewhere). With the platform layer, the only code that reaches the
 // operating system; the network buffer, the client session, the reference server and the tests
-// open, connect, accept and move bytes only through these calls.
+// open, connect, accept and move bytes only through these calls. The calls both systems spell
+// alike are in netbuffer_socket.cpp, the others in netbuffer_socket_posix.cpp and
+// netbuffer_socket_win.cpp (the build takes the one of its system).
 //
 // Handles are signed 32-bit numbers, -1 for "no socket". Addresses are IPv4 in network byte order
 // (as inet_addr gives them); ports are in host order. Every call that fails leaves its error
@@ -46,8 +48,6 @@ bool net_error_is_timeout(int error);
 int net_close(int32_t s);
 // Closes the socket so that the peer sees a connection reset (RST) rather than an orderly end.
 int net_close_reset(int32_t s);
-// Ends the sending direction; the peer reads end-of-stream. 0 or -1.
-int net_shutdown_send(int32_t s);
 
 // One send of at most `len` bytes: the count sent, or -1. Never raises SIGPIPE on a socket whose
 // peer has gone; an interrupted call is retried.

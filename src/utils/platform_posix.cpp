@@ -1,7 +1,5 @@
 // The platform layer on POSIX systems: the clock through gmtime_r, pthread recursive mutexes and
 // virtual memory through mmap, mprotect and madvise.
-#ifndef _WIN32
-
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -126,5 +124,3 @@ void vm_os_decommit(void* addr, size_t bytes) {
 }
 
 void vm_os_release(void* addr, size_t reserved) { munmap(addr, reserved); }
-
-#endif  // !_WIN32

@@ -1,7 +1,5 @@
 // The platform layer on Windows: the system clock's calendar fields, critical sections and the
 // VirtualAlloc family.
-#ifdef _WIN32
-
 #include <process.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -97,5 +95,3 @@ bool vm_os_commit(void* addr, size_t bytes, bool large) {
 void vm_os_decommit(void* addr, size_t bytes) { VirtualFree(addr, bytes, MEM_DECOMMIT); }
 
 void vm_os_release(void* addr, size_t /*reserved*/) { VirtualFree(addr, 0, MEM_RELEASE); }
-
-#endif  // _WIN32
