@@ -108,6 +108,40 @@ int64_t fill(NetBuffer* buf) {
   return n;
 }
 
+// The steps of taking one frame in, shared by the socket (NetBufferRecv) and plain bytes
+// (NetBufferLoad), so that both check a frame and hand it over alike.
+
+// The 4-byte header is expected at data[0].
+void begin_frame(NetBuffer* buf) {
+  buf->state = NETBUF_RECEIVING;
+  buf->used = 4;
+  buf->pos = 0;
+}
+
+// The length the header in data[0, 4) announces, or -1 (logged) when it lies outside
+// 4 .. NETBUF_MAX_FRAME.
+int64_t announced_length(const NetBuffer* buf) {
+  const uint32_t total = load_be32(buf->data);
+  if (total < 4 || total > uint32_t{NETBUF_MAX_FRAME}) {
+    ZN_LOG(kFacility, ZN_ERROR, "Invalid message length %" PRIu32 " (allowed 4 to %d)", total,
+           NETBUF_MAX_FRAME);
+    return -1;
+  }
+  return total;
+}
+
+// The rest of a frame of `total` checked bytes is expected; the data area holds all of it.
+void expect_body(NetBuffer* buf, int64_t total) {
+  buf->used = static_cast<int32_t>(total);
+  make_room(buf, total);
+}
+
+// The whole frame is in: its fields may be read, from the first one on.
+void end_frame(NetBuffer* buf) {
+  buf->state = NETBUF_PARSING;
+  buf->pos = 4;
+}
+
 // What a receive did while reading the frame header.
 enum class HeaderResult { kComplete, kClosed, kError, kTimedOut };
 
@@ -168,7 +202,7 @@ void NetBufferInit(NetBuffer* buf, int32_t socket) {
   KEST_ASSERT(kFacility, buf->ahead);
   buf->ahead_pos = 0;
   buf->ahead_end = 0;
-  if (net_set_nodelay(socket) != 0)
+  if (socket != kNetNoSocket && net_set_nodelay(socket) != 0)
     ZN_LOG(kFacility, ZN_ERROR, "%s: %s", "setting TCP_NODELAY", net_error_text(net_last_error()));
 }
 
@@ -251,9 +285,7 @@ int NetBufferRecv(NetBuffer* buf) {
     ZN_LOG(kFacility, ZN_INFO, "Client closed connection");
     return 0;
   }
-  buf->state = NETBUF_RECEIVING;
-  buf->used = 4;
-  buf->pos = 0;
+  begin_frame(buf);
   switch (receive_header(buf)) {
     case HeaderResult::kClosed:
       return 0;
@@ -264,17 +296,31 @@ int NetBufferRecv(NetBuffer* buf) {
     case HeaderResult::kComplete:
       break;
   }
-  const uint32_t total = load_be32(buf->data);
-  if (total < 4 || total > uint32_t{NETBUF_MAX_FRAME}) {
-    ZN_LOG(kFacility, ZN_ERROR, "Invalid message length %" PRIu32 " (allowed 4 to %d)", total,
-           NETBUF_MAX_FRAME);
-    return -1;
-  }
-  buf->used = static_cast<int32_t>(total);
-  make_room(buf, total);
+  const int64_t total = announced_length(buf);
+  if (total < 0) return -1;
+  expect_body(buf, total);
   if (const int body = receive_body(buf); body != 0) return body;
-  buf->state = NETBUF_PARSING;
+  end_frame(buf);
+  return 1;
+}
+
+int NetBufferLoad(NetBuffer* buf, const void* bytes, int64_t len, int64_t* consumed) {
+  KEST_ASSERT(kFacility, buf && consumed);
+  *consumed = 0;
+  if (buf->state == NETBUF_RESET) return 0;
+  begin_frame(buf);
+  if (len < 4) return 0;
+  const char* in = static_cast<const char*>(bytes);
+  std::memcpy(buf->data, in, 4);
   buf->pos = 4;
+  const int64_t total = announced_length(buf);
+  if (total < 0) return -1;
+  if (len < total) return 0;  // checked before expect_body: a partial frame allocates nothing
+  expect_body(buf, total);
+  std::memcpy(buf->data + 4, in + 4, static_cast<size_t>(total - 4));
+  buf->pos = buf->used;
+  end_frame(buf);
+  *consumed = total;
   return 1;
 }
 

@@ -61,7 +61,8 @@ struct NetBuffer {
 int network_init();
 
 // Prepares `buf` for `socket`: NETBUF_BUILDING, pos 4, used 0, a zero-filled data area of
-// NETBUF_INITIAL_SIZE, TCP_NODELAY on the socket (a failure there is only logged).
+// NETBUF_INITIAL_SIZE, TCP_NODELAY on the socket (a failure there is only logged). A socket of
+// -1 prepares a buffer that only builds, loads (NetBufferLoad) and parses.
 // REQUIRES: buf->data is null or an area from an earlier NetBufferInit (it is released), so a
 // fresh record must be zero-filled.
 void NetBufferInit(NetBuffer* buf, int32_t socket);
@@ -86,6 +87,15 @@ int NetBufferSend(NetBuffer* buf);
 // before the message was complete (logged at info: the caller reports it). A frame already read
 // ahead is taken without touching the socket.
 int NetBufferRecv(NetBuffer* buf);
+// Loads one whole frame from bytes[0, len) into buf as NetBufferRecv would receive it: 1 when a
+// frame was loaded (NETBUF_PARSING, pos at the first field; *consumed = its length), 0 when the
+// bytes hold no whole frame yet (nothing consumed), -1 for a length field outside
+// 4 .. NETBUF_MAX_FRAME (logged as NetBufferRecv logs it). Needs no socket; the buffer must have
+// been prepared by NetBufferInit (a socket of -1 is fine). The frame is copied: `bytes` need not
+// outlive the call. On 0 or -1 the buffer holds no message (NETBUF_RECEIVING, as in the middle
+// of a receive), and a partial frame has allocated nothing. A buffer in NETBUF_RESET stays so
+// and loads nothing (0). The read-ahead area is neither used nor touched.
+int NetBufferLoad(NetBuffer* buf, const void* bytes, int64_t len, int64_t* consumed);
 // True when a whole frame has already been read ahead, so that NetBufferRecv will not wait.
 bool NetBufferFrameReady(const NetBuffer* buf);
 // As NetBufferRecv, after waiting at most `microseconds` for the socket to become readable

@@ -146,6 +146,103 @@ TEST(NetBufferDeathTest, ReadingPastTheMessageOrInTheWrongStateEndsTheProcess) {
   }
 }
 
+// ---- From bytes, without a socket ----
+
+// A buffer with no socket, loaded from `bytes` frame after frame until a load returns other than
+// 1; what each frame held is its body.
+struct Loaded {
+  std::vector<std::string> bodies;
+  int last = 0;          // the load that stopped the loop
+  int64_t consumed = 0;  // by all loads together
+  int32_t size = 0;      // of the data area afterwards
+  std::string log;       // what the loads logged
+  NetBufState state{};   // afterwards
+};
+
+Loaded load_all(const std::string& bytes) {
+  Loaded out;
+  NetBuffer nb{};
+  NetBufferInit(&nb, kNetNoSocket);
+  testing::internal::CaptureStderr();
+  for (;;) {
+    int64_t consumed = -7;
+    out.last = NetBufferLoad(&nb, bytes.data() + out.consumed,
+                             static_cast<int64_t>(bytes.size()) - out.consumed, &consumed);
+    if (out.last != 1) {
+      EXPECT_EQ(consumed, 0) << "a load that loads nothing consumes nothing";
+      break;
+    }
+    EXPECT_EQ(nb.pos, 4) << "parsing starts at the first field";
+    EXPECT_EQ(nb.used, consumed) << "the whole frame is held";
+    out.bodies.emplace_back(nb.data + 4, nb.data + nb.used);
+    out.consumed += consumed;
+  }
+  out.log = testing::internal::GetCapturedStderr();
+  out.size = nb.size;
+  out.state = static_cast<NetBufState>(nb.state);
+  NetBufferClose(&nb);
+  return out;
+}
+
+TEST(NetBufferLoad, LoadsWholeFramesAndWaitsForPartialOnes) {
+  const std::string one = frame(be32(7) + var("abc"));
+  const std::string big = frame(var(letters(NETBUF_INITIAL_SIZE + 9)));  // grows the data area
+  const struct {
+    const char* name;
+    std::string bytes;
+    std::vector<std::string> bodies;  // of the frames loaded
+    int last;                         // the load after them
+  } cases[] = {
+      {"nothing", "", {}, 0},
+      {"a whole frame", one, {be32(7) + var("abc")}, 0},
+      {"a frame of the header alone", be32(4), {""}, 0},
+      {"a partial header", one.substr(0, 3), {}, 0},
+      {"a partial body", one.substr(0, one.size() - 1), {}, 0},
+      {"two frames back to back", frame(be32(1)) + frame(be32(2)), {be32(1), be32(2)}, 0},
+      {"a frame, then the start of the next", one + one.substr(0, 5), {be32(7) + var("abc")}, 0},
+      {"a frame past the first data area", big, {big.substr(4)}, 0},
+      // The largest length allowed is only waited for; nothing is allocated for it.
+      {"the cap announced, a few bytes there", be32(NETBUF_MAX_FRAME) + "abc", {}, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Loaded got = load_all(c.bytes);
+    EXPECT_TRUE(got.bodies == c.bodies);
+    EXPECT_EQ(got.last, c.last);
+    EXPECT_EQ(got.state, NETBUF_RECEIVING) << "the load that found no frame holds no message";
+    EXPECT_EQ(got.log, "");
+    if (c.bodies.empty()) {
+      EXPECT_EQ(got.size, NETBUF_INITIAL_SIZE) << "a partial frame allocates nothing";
+    }
+  }
+}
+
+// Refused as NetBufferRecv refuses it: at once, whatever follows, and before any allocation.
+TEST(NetBufferLoad, LengthOutsideTheFrameLimitsIsRefused) {
+  const uint32_t lengths[] = {0, 1, 2, 3, NETBUF_MAX_FRAME + 1u, 0xFFFFFFFFu};
+  for (uint32_t length : lengths) {
+    SCOPED_TRACE(length);
+    const Loaded got = load_all(frame(be32(9)) + be32(length) + "abcdefgh");
+    EXPECT_EQ(got.bodies.size(), 1u) << "the frame before it loads";
+    EXPECT_EQ(got.last, -1);
+    EXPECT_THAT(got.log, HasSubstr("Invalid message length " + std::to_string(length) +
+                                   " (allowed 4 to 1073741824)"));
+    EXPECT_EQ(got.size, NETBUF_INITIAL_SIZE);
+  }
+}
+
+TEST(NetBufferLoad, ResetBufferLoadsNothing) {
+  NetBuffer nb{};
+  NetBufferInit(&nb, kNetNoSocket);
+  nb.state = NETBUF_RESET;
+  int64_t consumed = -1;
+  const std::string bytes = frame(be32(1));
+  EXPECT_EQ(NetBufferLoad(&nb, bytes.data(), static_cast<int64_t>(bytes.size()), &consumed), 0);
+  EXPECT_EQ(consumed, 0);
+  EXPECT_EQ(nb.state, NETBUF_RESET);
+  NetBufferClose(&nb);
+}
+
 // ---- Over a real socket ----
 
 TEST(NetBufferRecv, AssemblesTheMessageHoweverItArrives) {
