@@ -16,6 +16,7 @@
 #include "fuzz/support/receive_harness.h"
 #include "support/scripted_peer.h"
 #include "tools/standalone_client/split_query.h"
+#include "utils/netbuffer_socket.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -35,9 +36,9 @@ struct AllocShim {
   long count = 0;    // allocation attempts while armed
   long live = 0;     // allocations minus frees while armed
 };
+#ifdef KEST_ALLOC_SHIM
 static thread_local AllocShim shim;
 
-#ifdef KEST_ALLOC_SHIM
 // True when this attempt is the one to fail.
 static bool fail_attempt() { return shim.armed && ++shim.count == shim.fail_at; }
 static void* counted(void* p) {
@@ -119,24 +120,17 @@ void fail_each_allocation(Operation op) {
 #endif
 }
 
-// The client's side of one query after sending it, with the printer on a temporary file. Only
-// client code allocates while armed: the peer has written the whole stream into the socket
-// beforehand.
+// The client's side of one query after sending it, loaded from bytes, with the printer on a
+// temporary file.
 void receive_stream(const std::string& stream, OutputMode mode) {
-  int32_t client = -1, peer = -1;
-  shim.armed = false;
-  const bool connected = kest_fuzz::loopback_pair(&client, &peer);
-  if (connected) kest_fuzz::play_peer(peer, stream, {});
-  shim.armed = true;
-  if (!connected) return;
   std::FILE* out = std::tmpfile();
-  ClientConnection conn{};
-  NetBufferInit(&conn.netbuf, client);
-  if (out != nullptr) {
-    kest_fuzz::receive_query(&conn, out, mode, nullptr);
-    std::fclose(out);
-  }
-  NetBufferClose(&conn.netbuf);
+  if (out == nullptr) return;
+  NetBuffer nb{};
+  NetBufferInit(&nb, kNetNoSocket);
+  kest_fuzz::Feed feed(stream, false, 0);
+  kest_fuzz::receive_answer(&nb, &feed, out, mode, nullptr);
+  NetBufferClose(&nb);
+  std::fclose(out);
 }
 
 constexpr const char* kScript =

@@ -1,6 +1,7 @@
 // Replays every input of every fuzz corpus (seeds and the regression inputs of past findings)
 // through the same checks the fuzz targets run, so the ordinary suites catch a regression on
 // every platform without a fuzzer.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -58,14 +59,17 @@ TEST(FuzzReplay, EveryCorpusInput) {
   replay("options", unskipped(kest_fuzz::check_options));
 }
 
-// The inputs left for the reception to refuse are still what the harness sets aside; when the
-// client learns to refuse them, they move into the corpus and this expectation goes.
-TEST(FuzzReplay, OpenFindingsAreSetAsideByTheModel) {
+// The open findings: a column whose physical type does not fit its logical one. The client has
+// no check of its own for them yet and ends in the value printer's assertion; when it learns to
+// refuse them, they move into the corpus and this expectation goes.
+TEST(FuzzReplay, OpenFindingsEndInTheValuePrintersAssertion) {
   kest_fuzz::fuzz_init();
-  for (const auto& [name, bytes] : inputs(kFuzzDir / "findings" / "receive"))
-    EXPECT_EQ(kest_fuzz::model_stream(std::string_view(bytes).substr(2)).verdict,
-              kest_fuzz::StreamVerdict::kMismatchedTypes)
-        << name;
+  for (const auto& [name, bytes] : inputs(kFuzzDir / "findings" / "receive")) {
+    const auto run = kest_fuzz::run_reception(std::string_view(bytes).substr(2),
+                                              static_cast<OutputMode>(bytes[0] & 3), false, 0);
+    EXPECT_EQ(run.end, kest_fuzz::RunEnd::kAsserted) << name;
+    EXPECT_THAT(run.asserted.condition, testing::StartsWith("tid == LTYPE_")) << name;
+  }
 }
 
 }  // namespace
