@@ -14,6 +14,7 @@
 #include "tools/refserver/parser.h"
 #include "tools/refserver/query_error.h"
 #include "tools/refserver/relation.h"
+#include "tools/refserver/text_funcs.h"
 #include "utils/context.h"
 #include "utils/kest_error.h"
 
@@ -241,7 +242,7 @@ TEST_F(RefServerEval, NestingIsBoundedByTheParser) {
 }
 
 // Trees that do not come from text meet the same bound in the compiler and the evaluator, as an
-// internal error instead of a stack overflow.
+// error instead of a stack overflow.
 TEST_F(RefServerEval, CompilerAndEvaluatorRefuseTreesDeeperThanTheLimit) {
   Expr deep;
   deep.kind = Expr::Kind::boolean;
@@ -256,8 +257,8 @@ TEST_F(RefServerEval, CompilerAndEvaluatorRefuseTreesDeeperThanTheLimit) {
   Schema none;
   EXPECT_THROW(compile_expr(ctx_, deep, none), QueryFailed);
   ASSERT_NE(ctx_->errors, nullptr);
-  EXPECT_EQ(ctx_->errors->code, KEST_ERR_INTERNAL);
-  EXPECT_STREQ(ctx_->errors->params[0], "query nested deeper than 256 levels");
+  EXPECT_EQ(ctx_->errors->code, kErrNestingDepth);
+  EXPECT_STREQ(ctx_->errors->params[0], "256");
 
   CExpr tree;
   tree.op = CExpr::Op::column;
@@ -271,11 +272,49 @@ TEST_F(RefServerEval, CompilerAndEvaluatorRefuseTreesDeeperThanTheLimit) {
   ctx_ = query_context_create(nullptr);
   EXPECT_THROW(eval_expr(ctx_, tree, Batch{}), QueryFailed);
   ASSERT_NE(ctx_->errors, nullptr);
-  EXPECT_EQ(ctx_->errors->code, KEST_ERR_INTERNAL);
+  EXPECT_EQ(ctx_->errors->code, kErrNestingDepth);
   // A walk that failed released its levels: the next query runs as deep as ever.
   query_context_destroy(ctx_);
   ctx_ = query_context_create(nullptr);
   EXPECT_EQ(run(kNestings[0].query(kMaxQueryNesting - 1)).error, 0);
+}
+
+// Text and token counts are bounded too: a column of concat texts may not outgrow a frame (a
+// chain of concat(s, s) would otherwise double its way through memory), and a query may not hold
+// more than kMaxQueryTokens tokens (each costs the parser a few dozen bytes).
+TEST_F(RefServerEval, ConcatTextsAndTokensAreBounded) {
+  Expr call;
+  call.kind = Expr::Kind::call;
+  call.text = "concat";
+  call.args.resize(2);
+  call.args[0].kind = call.args[1].kind = Expr::Kind::column;
+  call.args[0].text = call.args[1].text = "s";
+  Schema input;
+  input.names = {"s"};
+  input.types = {ColumnType{LTYPE_VCHAR, false, false}};
+  input.constants = {nullptr};
+  const CExpr e = compile_expr(ctx_, call, input);
+  Vector s = make_vector(input.types[0], 3);
+  s.texts = {"abc", "de", "f"};
+  s.rows = 3;
+  EXPECT_EQ(eval_text_function(ctx_, e, {s, s}, 3, 12).texts[2], "ff");  // 6 + 4 + 2 bytes fit
+  EXPECT_THROW(eval_text_function(ctx_, e, {s, s}, 3, 11), QueryFailed);
+  ASSERT_NE(ctx_->errors, nullptr);
+  EXPECT_EQ(ctx_->errors->code, kErrTextTooLong);
+  EXPECT_STREQ(ctx_->errors->params[0], "12");
+  EXPECT_STREQ(ctx_->errors->params[1], "11");
+
+  query_context_destroy(ctx_);
+  ctx_ = query_context_create(nullptr);
+  std::string many = "Array([i=1])";
+  while (many.size() < 2 * kMaxQueryTokens) many += " 1";
+  const Result r = run(many);
+  EXPECT_EQ(r.error, KEST_ERR_PARSE);
+  EXPECT_EQ(
+      r.params,
+      (std::vector<std::string>{
+          "query", "1", std::to_string(std::strlen("Array([i=1])") + 2 * (kMaxQueryTokens + 1 - 8)),
+          "more than 1000000 tokens"}));
 }
 
 }  // namespace

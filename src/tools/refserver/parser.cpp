@@ -79,6 +79,12 @@ std::vector<Token> tokenize(QueryContext* ctx, const std::string& text) {
       tokens.push_back(t);
       break;
     }
+    if (tokens.size() == kMaxQueryTokens) {
+      mem_context_destroy(mem);
+      query_fail(ctx, KEST_ERR_PARSE,
+                 {"query", std::to_string(t.line), std::to_string(t.column),
+                  "more than " + std::to_string(kMaxQueryTokens) + " tokens"});
+    }
     tokens.push_back(std::move(t));
   }
   mem_context_destroy(mem);

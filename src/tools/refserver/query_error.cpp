@@ -4,7 +4,6 @@
 
 #include "utils/context.h"
 #include "utils/kest_assert.h"
-#include "utils/kest_error.h"
 
 namespace {
 constexpr const char* kFacility = "REFSERVER";
@@ -39,8 +38,7 @@ void query_fail(QueryContext* ctx, int32_t code, std::initializer_list<std::stri
 NestingGuard::NestingGuard(QueryContext* ctx, Walk walk)
     : depth_(walk == Walk::build ? g_build_depth : g_eval_depth) {
   if (depth_ >= kMaxQueryNesting) {
-    query_fail(ctx, KEST_ERR_INTERNAL,
-               {"query nested deeper than " + std::to_string(kMaxQueryNesting) + " levels"});
+    query_fail(ctx, kErrNestingDepth, {std::to_string(kMaxQueryNesting)});
   }
   ++depth_;
 }

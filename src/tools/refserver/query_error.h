@@ -20,6 +20,11 @@ struct QueryFailed {};
 [[noreturn]] void query_fail(QueryContext* ctx, int32_t code,
                              std::initializer_list<std::string> params = {});
 
+// Codes of the limits below, from the shared table.
+constexpr int32_t kErrTextTooLong = 34;  // "Text of %0 bytes exceeds the maximum length %1 of %2."
+constexpr int32_t kErrMessageTooLong = 85;  // "Message of %0 bytes exceeds the limit of %1."
+constexpr int32_t kErrNestingDepth = 121;   // "Nesting depth of the query exceeds %0."
+
 // Relations and expressions nested in each other, counted together, that a query may hold. The
 // parser refuses deeper text with a parse error, so every later walk of the tree (building the
 // plan, compiling, evaluating, freeing) recurses at most this deep and stays well inside a
@@ -32,9 +37,9 @@ constexpr int kMaxQueryNesting = 256;
 enum class Walk { build, eval };
 
 // Counts the levels of one kind of walk running on this thread; one guard per level, released in
-// reverse order (unwinding included). A level past kMaxQueryNesting fails the query with error 1
-// ("Internal error: query nested deeper than 256 levels"): parsed text never gets there (the
-// parser refuses it first), trees built some other way do.
+// reverse order (unwinding included). A level past kMaxQueryNesting fails the query with error
+// 121 ("Nesting depth of the query exceeds 256."): parsed text never gets there (the parser
+// refuses it first), trees built some other way do.
 class NestingGuard {
  public:
   NestingGuard(QueryContext* ctx, Walk walk);
