@@ -1,5 +1,6 @@
 #include "tools/refserver/parser.h"
 
+#include <algorithm>
 #include <cctype>
 
 #include "tools/refserver/query_error.h"
@@ -65,7 +66,8 @@ std::vector<Token> tokenize(QueryContext* ctx, const std::string& text) {
     t.column = static_cast<int>(offset - line_start) + 1;
   };
   for (;;) {
-    size_t start = static_cast<size_t>(scanner_position(scanner));
+    // Past the end (an unterminated string reads its end twice) a token starts at the end.
+    size_t start = std::min(static_cast<size_t>(scanner_position(scanner)), text.size());
     while (start < text.size() && std::isspace(static_cast<unsigned char>(text[start]))) ++start;
     Token t;
     t.kind = scanner_get_token(scanner);
