@@ -1,7 +1,9 @@
 #include "tools/standalone_client/driver.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -134,10 +136,12 @@ TEST(ClientOptions, DirectoryIsRefusedLikeAMissingFile) {
   EXPECT_EQ(s.run.query, nullptr);  // the scan ended at -f
 }
 
-// Runs the client with standard input on `path` open for writing only, so that its first read
-// fails, and exits with 7 when the run returned -1.
+// Runs the client with standard input on a descriptor of `path` open for writing only, so that
+// its first read fails, and exits with 7 when the run returned -1.
 [[noreturn]] void run_on_unreadable_stdin(const std::string& path) {
-  if (!std::freopen(path.c_str(), "ab", stdin)) std::exit(3);
+  const int write_only = open(path.c_str(), O_WRONLY);
+  if (write_only < 0 || dup2(write_only, fileno(stdin)) < 0) std::exit(3);
+  close(write_only);
   std::vector<std::string> args = {"kest_client", "-h", "127.0.0.1", "-P", "1"};
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());

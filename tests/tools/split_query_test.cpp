@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -148,17 +149,22 @@ TEST(QuerySplitter, ReadErrorEndsTheInputWithoutTheCutStatement) {
   for (int i = 0; i < 200; ++i) std::fputs(statement.c_str(), out);
   std::fclose(out);
 
-  // A stream that cannot be read at all (open for writing only): no query, and the error.
-  out = std::fopen(path.c_str(), "ab");
-  QuerySplitter* qs = query_splitter_create_file(out);
+  // A stream whose descriptor cannot be read at all (one open for writing only put under it):
+  // no query, and the error.
+  std::FILE* in = std::fopen(path.c_str(), "rb");
+  const int write_only = open(path.c_str(), O_WRONLY);
+  ASSERT_TRUE(in && write_only >= 0);
+  dup2(write_only, fileno(in));
+  close(write_only);
+  QuerySplitter* qs = query_splitter_create_file(in);
   EXPECT_EQ(query_splitter_next(qs), nullptr);
   EXPECT_TRUE(qs->read_failed);
   query_splitter_free(qs);
-  std::fclose(out);
+  std::fclose(in);
 
   // The descriptor under the stream closed after the first queries: the stream's buffer ends in
   // the middle of a statement, which must not come out cut.
-  std::FILE* in = std::fopen(path.c_str(), "rb");
+  in = std::fopen(path.c_str(), "rb");
   qs = query_splitter_create_file(in);
   ASSERT_STREQ(query_splitter_next(qs), statement.substr(0, statement.size() - 1).c_str());
   close(fileno(in));
