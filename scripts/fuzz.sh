@@ -17,7 +17,7 @@ cd "$(dirname "$0")/.."
 seconds="${1:-45}"
 shift || true
 targets=("$@")
-[[ ${#targets[@]} -gt 0 ]] || targets=(receive split settings logconfig types options)
+[[ ${#targets[@]} -gt 0 ]] || targets=(receive split settings logconfig types options query)
 work="${KEST_FUZZ_WORK:-build/fuzz-work}"
 
 if [[ "${KEST_FUZZ_BUILD:-1}" != 0 ]]; then
@@ -28,7 +28,7 @@ fi
 # Inputs larger than this teach little and slow every run.
 max_len() {
   case "$1" in
-    settings) echo 8192 ;;
+    settings | query) echo 8192 ;;
     *) echo 4096 ;;
   esac
 }

@@ -75,6 +75,37 @@ void emit_unknown_code(const KestError* err, Out&& out) {
   out(")");
 }
 
+// The text of `tpl` filled with the parameters of `err`, produced through `out(string_view)`:
+// the template's text between placeholders, and each parameter a placeholder names.
+template <class Out>
+void emit_template(const char* tpl, const KestError* err, Out&& out) {
+  const int32_t n = param_count(err);
+  const char* run = tpl;  // start of the template text not yet handed out
+  const char* p = tpl;
+  for (; *p; ++p) {
+    if (*p != '%') continue;
+    if (p > run) out(std::string_view(run, static_cast<size_t>(p - run)));
+    const char next = p[1];
+    if (next == '%') {
+      out("%");
+    } else if (next >= '0' && next <= '9' && next - '0' < n && err->params[next - '0']) {
+      out(err->params[next - '0']);
+    }
+    if (next == '\0') return;  // a trailing "%" vanishes; the table has none
+    run = ++p + 1;
+  }
+  if (p > run) out(std::string_view(run, static_cast<size_t>(p - run)));
+}
+
+// Copies each piece to `*dest` and advances it.
+struct CopyOut {
+  char*& dest;
+  void operator()(std::string_view s) const {
+    std::memcpy(dest, s.data(), s.size());
+    dest += s.size();
+  }
+};
+
 }  // namespace
 
 const char* kest_error_template(int32_t code) {
@@ -134,10 +165,7 @@ int kest_error_format(const KestError* err, char* dest) {
   KEST_ASSERT(kFacility, err);
   const char* tpl = kest_error_template(err->code);
   if (!tpl) {
-    emit_unknown_code(err, [&dest](std::string_view s) {
-      std::memcpy(dest, s.data(), s.size());
-      dest += s.size();
-    });
+    emit_unknown_code(err, CopyOut{dest});
     *dest = '\0';
     return 1;
   }
@@ -146,25 +174,21 @@ int kest_error_format(const KestError* err, char* dest) {
 }
 
 void kest_error_format_template(const char* tpl, const KestError* err, char* dest) {
-  const int32_t n = param_count(err);
-  for (const char* p = tpl; *p;) {
-    if (*p != '%') {
-      *dest++ = *p++;
-      continue;
-    }
-    const char next = p[1];
-    if (next == '%') {
-      *dest++ = '%';
-    } else if (next >= '0' && next <= '9' && next - '0' < n && err->params[next - '0']) {
-      const char* param = err->params[next - '0'];
-      const size_t len = std::strlen(param);
-      std::memcpy(dest, param, len);
-      dest += len;
-    }
-    if (next == '\0') break;  // a trailing "%" vanishes; the table has none
-    p += 2;
-  }
+  emit_template(tpl, err, CopyOut{dest});
   *dest = '\0';
+}
+
+void kest_error_emit(const KestError* err, KestErrorSink sink, void* arg) {
+  KEST_ASSERT(kFacility, err);
+  const auto out = [sink, arg](std::string_view s) {
+    if (!s.empty()) sink(arg, s.data(), s.size());
+  };
+  const char* tpl = kest_error_template(err->code);
+  if (tpl) {
+    emit_template(tpl, err, out);
+  } else {
+    emit_unknown_code(err, out);
+  }
 }
 
 char* kest_error_text(MemContext* mem, const KestError* err) {

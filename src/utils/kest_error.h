@@ -76,6 +76,13 @@ int kest_error_format(const KestError* err, char* dest);
 // Formats `tpl` by the rules of kest_error_format with the parameters of `err` (its code is not
 // used). `dest` must hold strlen(tpl) + each parameter's length + 1 bytes.
 void kest_error_format_template(const char* tpl, const KestError* err, char* dest);
+// Hands the message of `err` to `sink` in order, in pieces, allocating and copying nothing: the
+// template's text between placeholders and each parameter a placeholder names (pointing into the
+// record). Joined, the pieces are the text kest_error_format writes, unknown codes included, so
+// a caller can print a message of any size without building it. REQUIRES: err is not null
+// (assertion "err").
+using KestErrorSink = void (*)(void* arg, const char* bytes, size_t len);
+void kest_error_emit(const KestError* err, KestErrorSink sink, void* arg);
 // The message in storage of `mem`, or, when that allocation fails, the static text
 // KEST_ERROR_NO_MEMORY_TEXT itself (compare pointers before freeing).
 inline constexpr char KEST_ERROR_NO_MEMORY_TEXT[] =

@@ -14,6 +14,8 @@ namespace {
 
 constexpr const char* kFacility = "NETBUFFER";
 constexpr unsigned char kVarStep = 255;
+// A data area up to this size is kept whatever the next frame needs.
+constexpr int32_t kKeepAreaUpTo = 16 << 20;
 
 void assert_building(const NetBuffer* buf) {
   KEST_ASSERT(kFacility, buf && buf->state == NETBUF_BUILDING);
@@ -75,6 +77,19 @@ int64_t decode_var_length(const NetBuffer* buf, int64_t* prefix) {
   return len;
 }
 
+// The length of the str field at pos, and in `*prefix` the bytes of its length prefix; the field
+// must end inside the message.
+int64_t next_str_length(const NetBuffer* buf, int64_t* prefix) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(buf->data);
+  if (buf->pos < buf->used && bytes[buf->pos] != kVarStep) {
+    const int64_t len = bytes[buf->pos];  // the usual short text: a one-byte prefix
+    KEST_ASSERT_TEXT(kFacility, buf->pos + 1 + len <= buf->used, "pos + len <= buf->used");
+    *prefix = 1;
+    return len;
+  }
+  return decode_var_length(buf, prefix);
+}
+
 // Moves up to `len` bytes that were read ahead to `dest`; returns how many.
 int32_t take_ahead(NetBuffer* buf, char* dest, int32_t len) {
   const int32_t n = std::min(len, buf->ahead_end - buf->ahead_pos);
@@ -108,6 +123,26 @@ int64_t fill(NetBuffer* buf) {
   return n;
 }
 
+// A received frame replaces whatever the area held, so the area is sized for it afresh: a larger
+// one is allocated anew rather than grown (nothing stale is copied, and the old area is gone
+// before the new one is touched), and one far larger than the frame is given back, so that a
+// single huge answer does not stay resident for the rest of the connection. The header already
+// received is kept.
+void size_for_frame(NetBuffer* buf, int32_t total) {
+  const bool grow = total > buf->size;
+  const bool shrink = buf->size > kKeepAreaUpTo && total <= buf->size / 4;
+  if (!grow && !shrink) return;
+  int32_t size = NETBUF_INITIAL_SIZE;
+  while (size < total) size *= 2;
+  char header[4];
+  std::memcpy(header, buf->data, sizeof header);
+  free(buf->data);
+  buf->data = static_cast<char*>(malloc(static_cast<size_t>(size)));
+  KEST_ASSERT(kFacility, buf->data);
+  std::memcpy(buf->data, header, sizeof header);
+  buf->size = size;
+}
+
 // The steps of taking one frame in, shared by the socket (NetBufferRecv) and plain bytes
 // (NetBufferLoad), so that both check a frame and hand it over alike.
 
@@ -133,7 +168,7 @@ int64_t announced_length(const NetBuffer* buf) {
 // The rest of a frame of `total` checked bytes is expected; the data area holds all of it.
 void expect_body(NetBuffer* buf, int64_t total) {
   buf->used = static_cast<int32_t>(total);
-  make_room(buf, total);
+  size_for_frame(buf, buf->used);
 }
 
 // The whole frame is in: its fields may be read, from the first one on.
@@ -389,21 +424,29 @@ int64_t NetBufferGetStr(NetBuffer* buf, char* dest) {
 
 void NetBufferGetStrs(NetBuffer* buf, int64_t count, char* dest, char** starts) {
   assert_parsing(buf);
-  const auto* bytes = reinterpret_cast<const unsigned char*>(buf->data);
   for (int64_t j = 0; j < count; ++j) {
-    int64_t len = 0;
     int64_t prefix = 1;
-    if (buf->pos < buf->used && bytes[buf->pos] != kVarStep) {
-      len = bytes[buf->pos];  // the usual short text: a one-byte prefix
-      KEST_ASSERT_TEXT(kFacility, buf->pos + 1 + len <= buf->used, "pos + len <= buf->used");
-    } else {
-      len = decode_var_length(buf, &prefix);
-    }
+    const int64_t len = next_str_length(buf, &prefix);
     std::memcpy(dest, buf->data + buf->pos + prefix, static_cast<size_t>(len));
     buf->pos += static_cast<int32_t>(prefix + len);
     starts[j] = dest;
     dest[len] = '\0';
     dest += len + 1;
+  }
+}
+
+void NetBufferGetStrsInPlace(NetBuffer* buf, int64_t count, char** starts) {
+  assert_parsing(buf);
+  for (int64_t j = 0; j < count; ++j) {
+    int64_t prefix = 1;
+    const int64_t len = next_str_length(buf, &prefix);
+    // The text moves back over its own prefix (at least one byte), so its terminator lands on
+    // the field's last byte and nothing of the next field is touched.
+    char* text = buf->data + buf->pos;
+    std::memmove(text, text + prefix, static_cast<size_t>(len));
+    text[len] = '\0';
+    starts[j] = text;
+    buf->pos += static_cast<int32_t>(prefix + len);
   }
 }
 

@@ -29,7 +29,10 @@ enum NetBufState : int32_t {
   NETBUF_RESET = 5,      // the peer reset the connection; sticky until the next NetBufferInit
 };
 
-// Capacity of a fresh data area. It only grows, by doubling.
+// Capacity of a fresh data area. Building grows it by doubling. A receive sizes it for the frame
+// (NETBUF_INITIAL_SIZE doubled as often as needed) when the frame does not fit, and also when the
+// area is over 16 MiB and the frame needs a quarter of it or less: one frame is held at a time,
+// never a copy of it, and a large area does not outlive the large frames it was made for.
 constexpr int32_t NETBUF_INITIAL_SIZE = 1 << 20;
 // At most this many bytes move per send or recv call.
 constexpr int32_t NETBUF_CHUNK = 1 << 16;
@@ -116,6 +119,10 @@ int64_t NetBufferGetStr(NetBuffer* buf, char* dest);
 // stores where each one begins in `starts`. `dest` needs room for what is left of the message
 // plus `count` bytes. The same as `count` calls of NetBufferGetStr, in one pass.
 void NetBufferGetStrs(NetBuffer* buf, int64_t count, char* dest, char** starts);
+// As NetBufferGetStrs, but each text is terminated where it lies in the message (moved back over
+// its length prefix), so no second copy of the texts is needed. The texts stay valid until the
+// next receive, clear or put on `buf`; the fields they came from cannot be read again.
+void NetBufferGetStrsInPlace(NetBuffer* buf, int64_t count, char** starts);
 // The length of the next var, without consuming anything, so that the caller can allocate first.
 int64_t NetBufferGetLen(NetBuffer* buf);
 

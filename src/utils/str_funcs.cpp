@@ -63,6 +63,14 @@ int sb_append(sb* b, const char* format, ...) {
   return n;
 }
 
+void sb_drop_front(sb* b, size_t n) {
+  KEST_ASSERT_TEXT(kFacility, b, "sb");
+  KEST_ASSERT(kFacility, n <= b->length);
+  if (n == 0) return;
+  std::memmove(b->data, b->data + n, b->length - n + 1);
+  b->length -= n;
+}
+
 void sb_free(sb* b) {
   KEST_ASSERT_TEXT(kFacility, b, "sb");
   KEST_ASSERT_TEXT(kFacility, b->data, "sb->data");

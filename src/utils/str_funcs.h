@@ -23,6 +23,10 @@ void sb_reset(sb* b);
 // pointer into data is invalidated by any append that grows the buffer.
 int sb_append(sb* b, const char* format, ...) KEST_PRINTF_LIKE(2, 3);
 int sb_vappend(sb* b, const char* format, va_list args) KEST_PRINTF_LIKE(2, 0);
+// Drops the first `n` bytes: the rest of the text and its NUL move to the front, the capacity
+// stays (so a reader that keeps discarding what it has used needs no more than its longest
+// stretch). Pointers into data are invalidated. REQUIRES: n <= length (assertion "n <= b->length").
+void sb_drop_front(sb* b, size_t n);
 void sb_free(sb* b);
 
 // Context string functions: results live in `ctx` and die with it.

@@ -137,6 +137,46 @@ COMMAND_LINES = [["-e", "Array([i=0])", "-P", "5000"], ["--port=5000", "--host",
                  ["-pi", "-r"], ["-P5000", "-o", "html"], ["--nosuch"], ["stray"], ["-e"],
                  ["--ping=1"], ["-uv"], ["--output=raw", "-n", "--ignore-err", "-?"]]
 
+
+def nest(opening, leaf, closing, n):
+    return opening * n + leaf + closing * n
+
+
+P = "Project(Array([i=5, j=2]), [%s])"
+QUERIES = {
+    "array": "Array([i=3, j=2]);",
+    "project": "Project(Array([i=4]), [i, k = *(i, 2), s = str(i)])",
+    "select": "Select(Array([i=10]), &&(>(i, 2), !(==(%(i, 3), 0))))",
+    "arith": P % "a = +(i, 1), b = -(j), c = /(i, 2), d = %(i, 2), e = *(1.5, i), f = -(i, 0.25)",
+    "compare": P % "a = ==(i, j), b = !=(i, 1), c = <(i, j), d = <=(i, 2), e = >(j, i), "
+                   "f = >=(i, 3), g = ||(false, <(i, 2)), h = &&(true, true)",
+    "casts": P % "a = sint('5'), b = decimal('12.34'), c = decimal('1', 20, 2), d = char('x'), "
+                 "e = time('12:00:00.5', 1), f = date('2024-02-29'), g = slng(i), h = dbl(i), "
+                 "k = money(i), l = intervalds('1 01:01:01'), m = intervalym('-1-2'), "
+                 "n = timestamp('2024-02-29 01:02:03'), o = uchr(i), p = s128(i), q = flt(i)",
+    "text": P % "a = concat(str(i), 'x'), b = substr('abcdef', i, 2), c = substr('\u20ac', 0)",
+    "nulls": P % "a = nullif(i, 1), b = asdbl(decimal(i, 10, 2)), c = +(nullif(i, 2), 1)",
+    "long_integer": P % ("a = " + "9" * 38),
+    "too_long_integer": P % ("a = " + "9" * 39),
+    "long_decimal": P % ("a = " + "1" * 20 + "." + "2" * 18),
+    "long_text": P % ("a = '" + "t" * 3000 + "'"),
+    "heredoc": "Project(Array([i=1]), [a = <<<END\nsome ; text\nEND\n])",
+    "comments": "# leading\nProject(Array([i=2]), /* ; */ [a = i]) // trailing",
+    "escapes": P % "a = '\\x41\\u00e9\\08\\n'",
+    "deepest_not": "Project(Array([i=1]), [a = %s])" % nest("!(", "true", ")", 254),
+    "too_deep_not": "Project(Array([i=1]), [a = %s])" % nest("!(", "true", ")", 255),
+    "deepest_project": nest("Project(", "Array([i=1])", ", [i])", 255),
+    "too_deep_project": nest("Project(", "Array([i=1])", ", [i])", 256),
+    "hostile_nesting": "Project(" * 20000,
+    "deep_concat": nest("Project(", "Array([i=1]), [s = 'ab'])", ", [s = concat(s, s)])", 12),
+    "errors": "Project(Array([i=2]), [a = /(1, -(i, i)), b = %(1, 0), c = +(2147483647, i)])",
+    "unknown": "Sort(Array([i=1]))",
+    "bad_utf8": "Project(Array([i=1]), [a = 'x\xff'])".encode("latin-1"),
+    "nul": b"Array([i=1\0])",
+    "control": "Array(\x01)",
+    "huge_array": "Select(Array([i=99999999999, j=99999999999]), false)",
+}
+
 if __name__ == "__main__":
     write_all("receive", {"%s_%d" % (name, mode): bytes([mode, 7 * mode + 3]) + stream
                           for name, stream in STREAMS.items() for mode in range(4)})
@@ -144,4 +184,5 @@ if __name__ == "__main__":
     write_all("settings", SETTINGS)
     write_all("logconfig", LOG_CONFIGS)
     write_all("types", TYPES)
+    write_all("query", QUERIES)
     write_all("options", {"args_%d" % i: "\0".join(a) for i, a in enumerate(COMMAND_LINES)})

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/support/query_harness.h"
 #include "fuzz/support/receive_harness.h"
 #include "fuzz/support/split_harness.h"
 #include "fuzz/support/text_harness.h"
@@ -50,6 +51,7 @@ TEST(FuzzReplay, EveryCorpusInput) {
   // Most seeds are well-formed: the replay must not have skipped them all.
   EXPECT_GE(replay("receive", kest_fuzz::check_receive), 40);
   EXPECT_GE(replay("split", kest_fuzz::check_split), 10);
+  EXPECT_GE(replay("query", kest_fuzz::check_query), 20);
   const auto unskipped = [](std::string (*check)(const uint8_t*, size_t)) {
     return [check](const uint8_t* d, size_t n, bool*) { return check(d, n); };
   };

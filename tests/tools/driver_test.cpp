@@ -1,7 +1,9 @@
 #include "tools/standalone_client/driver.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -126,6 +128,39 @@ TEST(ClientOptions, FileIsOpenedWhenScanned) {
   EXPECT_EQ(bad.outcome, OptionsOutcome::kExitFailed);
   EXPECT_EQ(bad.err, "\nError: cannot read file '" + missing + "'\n");  // -P never scanned
   EXPECT_EQ(bad.run.file, nullptr);
+}
+
+// A directory is refused when scanned, like a missing file, on every system (some open it and
+// only fail the first read, which would run nothing and succeed).
+TEST(ClientOptions, DirectoryIsRefusedLikeAMissingFile) {
+  const std::string dir = std::filesystem::temp_directory_path().string();
+  Scan s({"-f", dir, "-e", "q"});
+  EXPECT_EQ(s.outcome, OptionsOutcome::kExitFailed);
+  EXPECT_EQ(s.err, "\nError: cannot read file '" + dir + "'\n");
+  EXPECT_EQ(s.run.file, nullptr);
+  EXPECT_EQ(s.run.query, nullptr);  // the scan ended at -f
+}
+
+// Runs the client with standard input on a descriptor of `path` open for writing only, so that
+// its first read fails, and exits with 7 when the run returned -1.
+[[noreturn]] void run_on_unreadable_stdin(const std::string& path) {
+  const int write_only = open(path.c_str(), O_WRONLY);
+  if (write_only < 0 || dup2(write_only, fileno(stdin)) < 0) std::exit(3);
+  close(write_only);
+  std::vector<std::string> args = {"kest_client", "-h", "127.0.0.1", "-P", "1"};
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  std::exit(kest_client_main(static_cast<int>(args.size()), argv.data()) == -1 ? 7 : 0);
+}
+
+// Standard input that fails at its first read: the run fails with the error and never connects
+// (port 1 of the loopback address, where nothing listens, would add its own error).
+TEST(ClientRunDeathTest, UnreadableStandardInputFailsTheRun) {
+  const auto path = temp_file("");
+  EXPECT_EXIT(run_on_unreadable_stdin(path.string()), testing::ExitedWithCode(7),
+              "\nError: cannot read standard input\n$");
+  std::filesystem::remove(path);
 }
 
 }  // namespace

@@ -4,14 +4,17 @@
 // and constants in every output mode) is not repeated here.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "kernel/ltype.h"
 #include "tools/refserver/cast.h"
+#include "tools/refserver/expr.h"
 #include "tools/refserver/parser.h"
 #include "tools/refserver/query_error.h"
 #include "tools/refserver/relation.h"
+#include "tools/refserver/text_funcs.h"
 #include "utils/context.h"
 #include "utils/kest_error.h"
 
@@ -172,6 +175,146 @@ TEST_F(RefServerEval, ErrorsNameTheirCause) {
 TEST_F(RefServerEval, OverflowMidStreamFailsAtThatVector) {
   Result r = run("Project(Select(Array([i=1000]), >(i, 700)), [x = *(schr(i), 2)])", 100);
   EXPECT_EQ(r.error, KEST_ERR_OUT_OF_RANGE);
+}
+
+std::string repeat(const std::string& s, int n) {
+  std::string out;
+  for (int i = 0; i < n; ++i) out += s;
+  return out;
+}
+
+// Relations and expressions nested `k` levels of one kind; levels(k) counts them together.
+struct Nesting {
+  const char* kind;
+  std::string (*query)(int k);
+  int (*levels)(int k);
+  const char* value;  // of the first row's first column, at the deepest accepted k
+};
+
+const Nesting kNestings[] = {
+    {"Project", [](int k) { return repeat("Project(", k) + "Array([i=1])" + repeat(", [i])", k); },
+     [](int k) { return k + 1; }, "0"},
+    {"Select", [](int k) { return repeat("Select(", k) + "Array([i=1])" + repeat(", true)", k); },
+     [](int k) { return k + 1; }, "0"},
+    {"!",
+     [](int k) {
+       return "Project(Array([i=1]), [v = " + repeat("!(", k) + "true" + repeat(")", k) + "])";
+     },
+     [](int k) { return k + 2; }, "true"},
+    {"+",
+     [](int k) {
+       return "Project(Array([i=1]), [v = " + repeat("+(i, ", k) + "1" + repeat(")", k) + "])";
+     },
+     [](int k) { return k + 2; }, "1"},
+    {"cast",
+     [](int k) {
+       return "Project(Array([i=1]), [v = " + repeat("slng(", k) + "i" + repeat(")", k) + "])";
+     },
+     [](int k) { return k + 2; }, "0"}};
+
+// Every walk of a query tree recurses, so the parser bounds the nesting: the deepest accepted
+// query of each kind runs through parser, plan, compiler and evaluator; one level more, or a
+// hostile 20,000, is a parse error at the token that would open the next level.
+TEST_F(RefServerEval, NestingIsBoundedByTheParser) {
+  for (const Nesting& n : kNestings) {
+    SCOPED_TRACE(n.kind);
+    int k = 1;
+    while (n.levels(k + 1) <= kMaxQueryNesting) ++k;
+    Result ok = run(n.query(k));
+    EXPECT_EQ(ok.error, 0) << (ok.params.empty() ? "" : ok.params.back());
+    ASSERT_EQ(ok.rows.size(), 1u);
+    EXPECT_EQ(ok.rows[0][0], n.value);
+    for (const int deeper : {k + 1, 20000}) {
+      query_context_destroy(ctx_);
+      ctx_ = query_context_create(nullptr);
+      const Result r = run(n.query(deeper));
+      EXPECT_EQ(r.error, KEST_ERR_PARSE) << deeper;
+      ASSERT_EQ(r.params.size(), 4u);
+      EXPECT_EQ(r.params[1], "1");
+      EXPECT_EQ(r.params[3], "nesting deeper than 256 levels");
+    }
+  }
+  // The column names the first token past the limit: here the 256th "!", at level 257.
+  query_context_destroy(ctx_);
+  ctx_ = query_context_create(nullptr);
+  const Result r = run(kNestings[2].query(300));
+  EXPECT_EQ(r.params[2], std::to_string(std::strlen("Project(Array([i=1]), [v = ") + 2 * 255 + 1));
+}
+
+// Trees that do not come from text meet the same bound in the compiler and the evaluator, as an
+// error instead of a stack overflow.
+TEST_F(RefServerEval, CompilerAndEvaluatorRefuseTreesDeeperThanTheLimit) {
+  Expr deep;
+  deep.kind = Expr::Kind::boolean;
+  deep.text = "true";
+  for (int i = 0; i < kMaxQueryNesting; ++i) {
+    Expr call;
+    call.kind = Expr::Kind::call;
+    call.text = "!";
+    call.args.push_back(std::move(deep));
+    deep = std::move(call);
+  }
+  Schema none;
+  EXPECT_THROW(compile_expr(ctx_, deep, none), QueryFailed);
+  ASSERT_NE(ctx_->errors, nullptr);
+  EXPECT_EQ(ctx_->errors->code, kErrNestingDepth);
+  EXPECT_STREQ(ctx_->errors->params[0], "256");
+
+  CExpr tree;
+  tree.op = CExpr::Op::column;
+  for (int i = 0; i < kMaxQueryNesting; ++i) {
+    CExpr negate;
+    negate.op = CExpr::Op::negate;
+    negate.args.push_back(std::move(tree));
+    tree = std::move(negate);
+  }
+  query_context_destroy(ctx_);
+  ctx_ = query_context_create(nullptr);
+  EXPECT_THROW(eval_expr(ctx_, tree, Batch{}), QueryFailed);
+  ASSERT_NE(ctx_->errors, nullptr);
+  EXPECT_EQ(ctx_->errors->code, kErrNestingDepth);
+  // A walk that failed released its levels: the next query runs as deep as ever.
+  query_context_destroy(ctx_);
+  ctx_ = query_context_create(nullptr);
+  EXPECT_EQ(run(kNestings[0].query(kMaxQueryNesting - 1)).error, 0);
+}
+
+// Text and token counts are bounded too: a column of concat texts may not outgrow a frame (a
+// chain of concat(s, s) would otherwise double its way through memory), and a query may not hold
+// more than kMaxQueryTokens tokens (each costs the parser a few dozen bytes).
+TEST_F(RefServerEval, ConcatTextsAndTokensAreBounded) {
+  Expr call;
+  call.kind = Expr::Kind::call;
+  call.text = "concat";
+  call.args.resize(2);
+  call.args[0].kind = call.args[1].kind = Expr::Kind::column;
+  call.args[0].text = call.args[1].text = "s";
+  Schema input;
+  input.names = {"s"};
+  input.types = {ColumnType{LTYPE_VCHAR, false, false}};
+  input.constants = {nullptr};
+  const CExpr e = compile_expr(ctx_, call, input);
+  Vector s = make_vector(input.types[0], 3);
+  s.texts = {"abc", "de", "f"};
+  s.rows = 3;
+  EXPECT_EQ(eval_text_function(ctx_, e, {s, s}, 3, 12).texts[2], "ff");  // 6 + 4 + 2 bytes fit
+  EXPECT_THROW(eval_text_function(ctx_, e, {s, s}, 3, 11), QueryFailed);
+  ASSERT_NE(ctx_->errors, nullptr);
+  EXPECT_EQ(ctx_->errors->code, kErrTextTooLong);
+  EXPECT_STREQ(ctx_->errors->params[0], "12");
+  EXPECT_STREQ(ctx_->errors->params[1], "11");
+
+  query_context_destroy(ctx_);
+  ctx_ = query_context_create(nullptr);
+  std::string many = "Array([i=1])";
+  while (many.size() < 2 * kMaxQueryTokens) many += " 1";
+  const Result r = run(many);
+  EXPECT_EQ(r.error, KEST_ERR_PARSE);
+  EXPECT_EQ(
+      r.params,
+      (std::vector<std::string>{
+          "query", "1", std::to_string(std::strlen("Array([i=1])") + 2 * (kMaxQueryTokens + 1 - 8)),
+          "more than 1000000 tokens"}));
 }
 
 }  // namespace

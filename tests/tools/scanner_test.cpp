@@ -185,6 +185,20 @@ TEST_F(ScannerTest, CountsLinesColumnsAndCharacters) {
   EXPECT_TRUE(src.calls == 6 && scanner_chars_read(s) == 6);
 }
 
+// An owner that drops consumed text moves the origin: positions count from there, reading goes on.
+TEST_F(ScannerTest, RebaseMovesTheOriginOfPositions) {
+  Scanner* s = over("abc def;");
+  EXPECT_EQ(scanner_get_token(s), TOK_IDENT);
+  EXPECT_EQ(scanner_position(s), 3);
+  scanner_rebase(s, 3);
+  EXPECT_EQ(scanner_position(s), 0);
+  EXPECT_EQ(scanner_get_token(s), TOK_IDENT);
+  EXPECT_STREQ(scanner_text(s), "def");
+  EXPECT_EQ(scanner_position(s), 4);
+  EXPECT_EQ(scanner_column(s), 8);  // lines and columns are not moved
+  EXPECT_DEATH(scanner_rebase(s, 5), "assertion \"n >= 0 && n <= scanner_position\\(s\\)\" failed");
+}
+
 TEST_F(ScannerTest, UnclassifiableCharacterIsReportedAndNotConsumed) {
   for (const std::string& bad :
        {std::string(1, '\x01'), std::string(1, '\x7f'), std::string(1, '\0')}) {

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -9,6 +13,7 @@
 #include <vector>
 
 #include "utils/mem.h"
+#include "utils/str_funcs.h"
 
 namespace {
 
@@ -106,6 +111,73 @@ TEST(QuerySplitter, UnclassifiableCharacterMidStatementEndsIt) {
   EXPECT_EQ(split_string("\x01 q;"), Queries{});
   EXPECT_EQ(split_string("'' \x02 q;"), Queries{"'' \x02 q;"});  // the empty string left "" behind
   testing::internal::GetCapturedStdout();
+}
+
+// File mode keeps only the statement being read: a long script needs no more room than its
+// longest statement, and a statement longer than every buffer on the way still comes whole.
+TEST(QuerySplitter, FileModeDropsWhatWasHandedOut) {
+  const std::string big = "'" + std::string(3 << 20, 'x') + "'";  // past stdio's and sb's sizes
+  std::string script;
+  for (int i = 0; i < 20000; ++i) script += "Array([i=0]);\n";
+  script += "  " + big + " ;";
+  for (int i = 0; i < 1000; ++i) script += "q;";
+  FILE* file = temp_file(script);
+  QuerySplitter* qs = query_splitter_create_file(file);
+  size_t peak = 0;
+  for (int i = 0; i < 20000; ++i) {
+    ASSERT_STREQ(query_splitter_next(qs), "Array([i=0])");  // the newline before: leading space
+    peak = std::max(peak, qs->text->capacity);
+  }
+  EXPECT_EQ(peak, 64u);  // the builder's first size: it never grew
+  EXPECT_EQ(query_splitter_next(qs), big + " ");
+  for (int i = 0; i < 1000; ++i) ASSERT_STREQ(query_splitter_next(qs), "q");
+  EXPECT_EQ(query_splitter_next(qs), nullptr);
+  EXPECT_LE(qs->text->capacity, 2 * big.size() + 64);
+  EXPECT_LE(qs->text->length, 1u);  // the big statement is gone
+  EXPECT_FALSE(qs->read_failed);
+  query_splitter_free(qs);
+  std::fclose(file);
+}
+
+// A stream that fails to read ends the input; a statement it cut short is not handed out, and the
+// caller learns of it from read_failed.
+TEST(QuerySplitter, ReadErrorEndsTheInputWithoutTheCutStatement) {
+  const std::string path = testing::TempDir() + "kest_split_read_error";
+  std::FILE* out = std::fopen(path.c_str(), "wb");
+  ASSERT_NE(out, nullptr);
+  const std::string statement = "q" + std::string(1000, ' ') + ";";
+  for (int i = 0; i < 200; ++i) std::fputs(statement.c_str(), out);
+  std::fclose(out);
+
+  // A stream whose descriptor cannot be read at all (one open for writing only put under it):
+  // no query, and the error.
+  std::FILE* in = std::fopen(path.c_str(), "rb");
+  const int write_only = open(path.c_str(), O_WRONLY);
+  ASSERT_TRUE(in && write_only >= 0);
+  dup2(write_only, fileno(in));
+  close(write_only);
+  QuerySplitter* qs = query_splitter_create_file(in);
+  EXPECT_EQ(query_splitter_next(qs), nullptr);
+  EXPECT_TRUE(qs->read_failed);
+  query_splitter_free(qs);
+  std::fclose(in);
+
+  // The descriptor under the stream closed after the first queries: the stream's buffer ends in
+  // the middle of a statement, which must not come out cut.
+  in = std::fopen(path.c_str(), "rb");
+  qs = query_splitter_create_file(in);
+  ASSERT_STREQ(query_splitter_next(qs), statement.substr(0, statement.size() - 1).c_str());
+  close(fileno(in));
+  int whole = 1;
+  while (const char* q = query_splitter_next(qs)) {
+    ASSERT_EQ(q, statement.substr(0, statement.size() - 1));
+    ++whole;
+  }
+  EXPECT_LT(whole, 200);
+  EXPECT_TRUE(qs->read_failed);
+  query_splitter_free(qs);
+  std::fclose(in);
+  std::remove(path.c_str());
 }
 
 TEST(QuerySplitterDeathTest, AssertionsCarryTheirTexts) {

@@ -67,6 +67,34 @@ TEST_F(KestErrorTest, PercentFollowedByAnythingElseVanishesWithThatCharacter) {
   }
 }
 
+// The pieces handed out join into the formatted text for every template and unknown codes, and
+// a parameter is handed out by reference, never copied.
+TEST_F(KestErrorTest, EmitHandsOutWhatFormatWrites) {
+  const auto join = [](void* arg, const char* bytes, size_t len) {
+    static_cast<std::string*>(arg)->append(bytes, len);
+  };
+  for (int32_t code = -1; code <= KEST_ERROR_COUNT; ++code) {
+    const KestError* err = make(code, {"A", nullptr, "%1", "", "E", "F", "G", "H", "I", "J"});
+    std::string joined;
+    kest_error_emit(err, join, &joined);
+    EXPECT_EQ(joined, format(err)) << code;
+  }
+  const char* const big = "a parameter";
+  const KestError* err = make(1, {big});
+  struct Seen {
+    const char* param;
+    bool by_reference = false;
+  } seen{err->params[0]};
+  kest_error_emit(
+      err,
+      [](void* arg, const char* bytes, size_t) {
+        auto* s = static_cast<Seen*>(arg);
+        s->by_reference = s->by_reference || bytes == s->param;
+      },
+      &seen);
+  EXPECT_TRUE(seen.by_reference);
+}
+
 // The template, each parameter once whether the template uses it or not, and the terminator.
 TEST_F(KestErrorTest, LengthCountsTemplateEachParameterOnceAndTerminator) {
   EXPECT_EQ(kest_error_msg_len(make(21, {"abc", nullptr})),
@@ -99,6 +127,7 @@ TEST_F(KestErrorDeathTest, AssertionsNameTheBrokenCondition) {
   EXPECT_DEATH(kest_error_set_param(err, mem_, 2, "x"),
                "assertion \"num < error->num_err_params\" failed");
   EXPECT_DEATH(kest_error_msg_len(nullptr), "assertion \"err\" failed");
+  EXPECT_DEATH(kest_error_emit(nullptr, nullptr, nullptr), "assertion \"err\" failed");
 }
 
 }  // namespace

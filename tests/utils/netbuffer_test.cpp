@@ -110,6 +110,24 @@ TEST(NetBufferWire, StrsInOnePassReadWhatGetStrReads) {
   }
 }
 
+// Terminated where they lie: the same texts as a copy would give, inside the message itself,
+// and the field after them untouched.
+TEST(NetBufferWire, StrsInPlaceReadWhatGetStrsReads) {
+  Buffer m;
+  const std::vector<int32_t> lengths = {3, 0, 254, 255, 509, 510, 600, 1, NETBUF_INITIAL_SIZE};
+  for (int32_t len : lengths) put_var(&m.nb, letters(len));
+  NetBufferPutInt(&m.nb, 0xDEADBEEFu);
+  m.to_parsing();
+  std::vector<char*> starts(lengths.size());
+  NetBufferGetStrsInPlace(&m.nb, static_cast<int64_t>(lengths.size()), starts.data());
+  EXPECT_EQ(NetBufferGetInt(&m.nb), 0xDEADBEEFu) << "the field after the texts";
+  for (size_t j = 0; j < lengths.size(); ++j) {
+    SCOPED_TRACE("text of " + std::to_string(lengths[j]));
+    EXPECT_TRUE(starts[j] >= m.nb.data && starts[j] < m.nb.data + m.nb.used);
+    EXPECT_TRUE(std::string(starts[j]) == letters(lengths[j]));
+  }
+}
+
 TEST(NetBufferDeathTest, ReadingPastTheMessageOrInTheWrongStateEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const struct {
@@ -264,6 +282,31 @@ TEST(NetBufferRecv, AssemblesTheMessageHoweverItArrives) {
     EXPECT_EQ(c.nb.pos, c.nb.used);
     EXPECT_TRUE(peer.join());
   }
+}
+
+// The data area holds one frame: it is sized afresh for a frame that does not fit, and given
+// back when a frame needs a quarter of an area over 16 MiB, so a huge answer does not stay
+// resident for the rest of the connection.
+TEST(NetBufferRecv, AreaFollowsTheFramesItHolds) {
+  const struct {
+    size_t text_len;
+    int32_t size;  // of the area after the frame
+  } frames[] = {{10, NETBUF_INITIAL_SIZE}, {3 << 20, 4 << 20},
+                {1 << 20, 4 << 20},                               // small areas are kept
+                {40 << 20, 64 << 20},      {20 << 20, 64 << 20},  // more than a quarter: kept
+                {10, NETBUF_INITIAL_SIZE}};
+  ScriptedPeer peer;
+  for (const auto& f : frames) peer.send(frame(be32(7) + var(letters(f.text_len))));
+  peer.start();
+  Buffer c(peer);
+  for (const auto& f : frames) {
+    SCOPED_TRACE(f.text_len);
+    ASSERT_EQ(NetBufferRecv(&c.nb), 1);
+    EXPECT_EQ(c.nb.size, f.size);
+    EXPECT_EQ(NetBufferGetInt(&c.nb), 7u);
+    EXPECT_TRUE(get_var(&c.nb) == letters(f.text_len));
+  }
+  EXPECT_TRUE(peer.join());
 }
 
 // One recv takes whatever has arrived, up to a chunk: frames that come together are read ahead

@@ -48,6 +48,34 @@ TEST(SbTest, AppendGrowsOnlyWhenTheTextDoesNotFit) {
   }
 }
 
+// The rest moves to the front with its NUL; the capacity is kept, so appends after a drop reuse
+// the room that was freed.
+TEST(SbTest, DropFrontKeepsTheRestAndTheCapacity) {
+  const struct {
+    const char* text;
+    size_t n;
+    const char* rest;
+  } cases[] = {{"abcdef", 0, "abcdef"}, {"abcdef", 4, "ef"}, {"abcdef", 6, ""}};
+  for (const auto& c : cases) {
+    sb* b = sb_create(16);
+    sb_append(b, "%s", c.text);
+    sb_drop_front(b, c.n);
+    EXPECT_STREQ(b->data, c.rest) << c.n;
+    EXPECT_EQ(b->length, std::strlen(c.rest));
+    EXPECT_EQ(b->capacity, 16u);
+    sb_append(b, "%s", "0123456789");  // fits again in the room the drop freed
+    EXPECT_EQ(b->capacity, 16u + 16u * (c.n == 0));
+    sb_free(b);
+  }
+}
+
+TEST(SbDeathTest, DropFrontPastTheEndAborts) {
+  sb* b = sb_create(0);
+  sb_append(b, "%s", "ab");
+  EXPECT_DEATH(sb_drop_front(b, 3), "assertion \"n <= b->length\" failed");
+  sb_free(b);
+}
+
 TEST(SbDeathTest, NullBuilderAborts) { EXPECT_DEATH(sb_free(nullptr), "assertion \"sb\" failed"); }
 
 TEST_F(StrFuncsTest, FormatGrowsPast256BytesAndDupCopies) {

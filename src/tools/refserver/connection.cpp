@@ -156,7 +156,13 @@ AfterSend Session::stream(QueryContext* ctx, RowSource& source) {
     if (first && distortion.extra_rows) {
       distortion.extra_rows = options_.vector_size + 1 - static_cast<int32_t>(batch.rows);
     }
-    put_data(&buf_, source.schema(), batch, first ? distortion : StreamDistortion{});
+    const int64_t bytes =
+        put_data(&buf_, source.schema(), batch, first ? distortion : StreamDistortion{});
+    if (bytes > NETBUF_MAX_FRAME) {
+      add_error(ctx, kFacility, kErrMessageTooLong, 2, std::to_string(bytes).c_str(),
+                std::to_string(NETBUF_MAX_FRAME).c_str());
+      return send_error(ctx, MessageKind::error);
+    }
     const AfterSend after = send(MessageKind::data, false, first);
     if (after != AfterSend::go_on) return after;
     first = false;

@@ -153,6 +153,7 @@ CExpr as_dbl(QueryContext* ctx, const Expr& call, const Schema& input) {
 }  // namespace
 
 CExpr compile_expr(QueryContext* ctx, const Expr& expr, const Schema& input) {
+  const NestingGuard level(ctx, Walk::build);
   if (is_literal(expr)) return literal(ctx, expr);
   if (expr.kind == Expr::Kind::column) {
     auto it = std::find(input.names.begin(), input.names.end(), expr.text);

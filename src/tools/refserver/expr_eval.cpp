@@ -308,6 +308,7 @@ void eval_row(QueryContext* ctx, const CExpr& e, const std::vector<Vector>& args
 }  // namespace
 
 Vector eval_expr(QueryContext* ctx, const CExpr& e, const Batch& batch) {
+  const NestingGuard level(ctx, Walk::eval);
   switch (e.op) {
     case CExpr::Op::constant:
       return e.value;

@@ -1,5 +1,6 @@
 #include "tools/refserver/parser.h"
 
+#include <algorithm>
 #include <cctype>
 
 #include "tools/refserver/query_error.h"
@@ -65,7 +66,8 @@ std::vector<Token> tokenize(QueryContext* ctx, const std::string& text) {
     t.column = static_cast<int>(offset - line_start) + 1;
   };
   for (;;) {
-    size_t start = static_cast<size_t>(scanner_position(scanner));
+    // Past the end (an unterminated string reads its end twice) a token starts at the end.
+    size_t start = std::min(static_cast<size_t>(scanner_position(scanner)), text.size());
     while (start < text.size() && std::isspace(static_cast<unsigned char>(text[start]))) ++start;
     Token t;
     t.kind = scanner_get_token(scanner);
@@ -78,6 +80,12 @@ std::vector<Token> tokenize(QueryContext* ctx, const std::string& text) {
       }
       tokens.push_back(t);
       break;
+    }
+    if (tokens.size() == kMaxQueryTokens) {
+      mem_context_destroy(mem);
+      query_fail(ctx, KEST_ERR_PARSE,
+                 {"query", std::to_string(t.line), std::to_string(t.column),
+                  "more than " + std::to_string(kMaxQueryTokens) + " tokens"});
     }
     tokens.push_back(std::move(t));
   }
@@ -117,6 +125,29 @@ class Parser {
                 "expected " + expected + ", found " + describe(t)});
   }
 
+  // One level of nesting, held while a relation or an expression is parsed. Deeper text than
+  // kMaxQueryNesting levels is refused where its next level starts, before any further recursion.
+  class Level {
+   public:
+    explicit Level(Parser* p) : p_(p) {
+      if (p_->depth_ >= kMaxQueryNesting) p_->too_deep();
+      ++p_->depth_;
+    }
+    ~Level() { --p_->depth_; }
+    Level(const Level&) = delete;
+    Level& operator=(const Level&) = delete;
+
+   private:
+    Parser* p_;
+  };
+
+  [[noreturn]] void too_deep() {
+    const Token& t = peek();
+    query_fail(ctx_, KEST_ERR_PARSE,
+               {"query", std::to_string(t.line), std::to_string(t.column),
+                "nesting deeper than " + std::to_string(kMaxQueryNesting) + " levels"});
+  }
+
   void expect(char c) {
     if (peek().kind != static_cast<unsigned char>(c)) error(std::string("'") + c + "'");
     take();
@@ -132,6 +163,7 @@ class Parser {
   }
 
   std::unique_ptr<RelNode> relation() {
+    const Level level(this);
     if (!is_word(peek())) error("a relation");
     const Token head = take();
     auto rel = std::make_unique<RelNode>();
@@ -194,6 +226,7 @@ class Parser {
   }
 
   Expr expr() {
+    const Level level(this);
     const Token& t = peek();
     Expr e;
     e.text = t.text;
@@ -242,6 +275,7 @@ class Parser {
   QueryContext* ctx_;
   std::vector<Token> tokens_;
   size_t pos_ = 0;
+  int depth_ = 0;  // relations and expressions being parsed, one inside the other
 };
 
 }  // namespace

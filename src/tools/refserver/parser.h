@@ -43,7 +43,14 @@ struct RelNode {
   Expr predicate;                  // select
 };
 
+// Tokens a query may hold. Each costs a few dozen bytes while parsing, so this bounds what a
+// long query costs the server to a few tens of megabytes beyond its text.
+constexpr size_t kMaxQueryTokens = 1000000;
+
 // Parses one query. A syntax error is recorded on `ctx` as error 10 with the source name "query",
 // the line and column (from 1) and what was found or expected, and QueryFailed is thrown
-// (query_error.h); an unknown relation name is error 13.
+// (query_error.h); an unknown relation name is error 13. Text nested deeper than
+// kMaxQueryNesting levels (query_error.h) is error 10 too, "nesting deeper than 256 levels", at
+// the token that would open the next level; a query of more than kMaxQueryTokens tokens is error
+// 10 at the first token past the limit.
 std::unique_ptr<RelNode> parse_query(QueryContext* ctx, const std::string& text);

@@ -7,7 +7,9 @@
 
 namespace {
 constexpr const char* kFacility = "REFSERVER";
-}
+thread_local int g_build_depth = 0;
+thread_local int g_eval_depth = 0;
+}  // namespace
 
 void query_fail(QueryContext* ctx, int32_t code, std::initializer_list<std::string> params) {
   std::vector<const char*> p;
@@ -32,3 +34,13 @@ void query_fail(QueryContext* ctx, int32_t code, std::initializer_list<std::stri
   }
   throw QueryFailed{};
 }
+
+NestingGuard::NestingGuard(QueryContext* ctx, Walk walk)
+    : depth_(walk == Walk::build ? g_build_depth : g_eval_depth) {
+  if (depth_ >= kMaxQueryNesting) {
+    query_fail(ctx, kErrNestingDepth, {std::to_string(kMaxQueryNesting)});
+  }
+  ++depth_;
+}
+
+NestingGuard::~NestingGuard() { --depth_; }

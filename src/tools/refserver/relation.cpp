@@ -156,6 +156,7 @@ class SelectSource : public RowSource {
 
 std::unique_ptr<RowSource> build_plan(QueryContext* ctx, const RelNode& rel, size_t vector_size,
                                       const std::atomic<bool>* stop) {
+  const NestingGuard level(ctx, Walk::build);
   switch (rel.kind) {
     case RelNode::Kind::array:
       return std::make_unique<ArraySource>(ctx, rel, vector_size, stop);

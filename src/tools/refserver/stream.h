@@ -9,9 +9,9 @@
 #include <cstdint>
 
 #include "tools/refserver/expr.h"
+#include "utils/netbuffer.h"
 
 struct KestError;
-struct NetBuffer;
 
 // Test-only distortions of the acknowledgement and data messages (the fault modes).
 struct StreamDistortion {
@@ -19,11 +19,14 @@ struct StreamDistortion {
   int32_t extra_rows = 0;               // added to the row count a data message announces
 };
 
-// Each put starts a new message (NetBufferClear) and leaves it built, ready to send.
+// Each put starts a new message (NetBufferClear) and leaves it built, ready to send; a data
+// message only when it fits in a frame.
 void put_ack(NetBuffer* buf, const Schema& schema, int32_t vector_size,
              const StreamDistortion& distortion = {});
-void put_data(NetBuffer* buf, const Schema& schema, const Batch& batch,
-              const StreamDistortion& distortion = {});
+// Returns the size of the data message in bytes; above `limit` the message was not built whole
+// and must not be sent (a vector of long texts can outgrow any frame).
+int64_t put_data(NetBuffer* buf, const Schema& schema, const Batch& batch,
+                 const StreamDistortion& distortion = {}, int64_t limit = NETBUF_MAX_FRAME);
 // The data message with zero rows that ends a result.
 void put_end(NetBuffer* buf);
 // A status of -1 followed by the error record (code, parameter count, parameters).

@@ -50,13 +50,24 @@ std::string_view substr_of(QueryContext* ctx, std::string_view s, i128 start, co
   return s.substr(from, offset_of(s, last) - from);
 }
 
+// The byte budget of the concat texts of one column.
+struct TextBudget {
+  size_t used;
+  size_t max;
+};
+
 // Row i of the call, appended to `out` (empty on entry).
 void row_value(QueryContext* ctx, const CExpr& e, const std::vector<Vector>& args, size_t i,
-               std::string& out) {
+               std::string& out, TextBudget& budget) {
   std::string scratch0, scratch1;
   const std::string_view s = text_at(args[0], i, scratch0);
   if (e.symbol == "concat") {
     const std::string_view t = text_at(args[1], i, scratch1);
+    budget.used += s.size() + t.size();
+    if (budget.used > budget.max) {
+      query_fail(ctx, kErrTextTooLong,
+                 {std::to_string(budget.used), std::to_string(budget.max), e.what});
+    }
     out.reserve(s.size() + t.size());
     out.append(s).append(t);
     return;
@@ -97,8 +108,9 @@ CExpr compile_text_function(QueryContext* ctx, const Expr& call, std::vector<CEx
 }
 
 Vector eval_text_function(QueryContext* ctx, const CExpr& e, const std::vector<Vector>& args,
-                          size_t rows) {
+                          size_t rows, size_t max_bytes) {
   Vector out = make_vector(e.type, rows);
+  TextBudget budget{0, max_bytes};
   for (size_t i = 0; i < rows; ++i) {
     const bool null =
         std::any_of(args.begin(), args.end(), [i](const Vector& a) { return a.is_null(i); });
@@ -106,7 +118,7 @@ Vector eval_text_function(QueryContext* ctx, const CExpr& e, const std::vector<V
       append_null(out);
       continue;
     }
-    row_value(ctx, e, args, i, out.texts.emplace_back());
+    row_value(ctx, e, args, i, out.texts.emplace_back(), budget);
     if (out.type.nullable) out.nulls.push_back(0);
     ++out.rows;
   }

@@ -10,6 +10,7 @@
 #include "tools/standalone_client/split_query.h"
 #include "utils/netbuffer.h"
 #include "utils/platform.h"
+#include "utils/platform_stdio.h"
 #include "utils/version.h"
 #include "utils/znconfig.h"
 #include "utils/znlog.h"
@@ -22,6 +23,17 @@ constexpr int kClient = ZNCONFIG_GROUP_CLIENT;
 
 void set_output_mode(ConfigLayer* config, const char* mode) {
   znconfig_set_str(config, kClient, ZNCONFIG_CLIENT_OUTPUT_MODE, mode);
+}
+
+// Some systems open a directory for reading and only fail its first read: it is refused here,
+// like a file that cannot be opened.
+std::FILE* open_query_file(const char* path) {
+  std::FILE* file = std::fopen(path, "rb");
+  if (file && platform_stream_is_directory(file)) {
+    std::fclose(file);
+    return nullptr;
+  }
+  return file;
 }
 
 // Acts on one scanned option. False when the run must end (the outcome is then in *end).
@@ -69,7 +81,8 @@ bool act(int letter, const char* value, int argc, char** argv, ClientRun* run,
       return true;
     case 'f':
       client_run_close_file(run);
-      run->file = std::fopen(value, "rb");
+      run->file = open_query_file(value);
+      run->file_name = value;
       if (run->file) return true;
       std::fprintf(stderr, "\nError: cannot read file '%s'\n", value);
       *end = OptionsOutcome::kExitFailed;
@@ -114,6 +127,17 @@ QuerySplitter* open_splitter(const ClientRun& run) {
   return query_splitter_create_file(run.file ? run.file : stdin);
 }
 
+// True, after saying so on standard error, when the query source failed to read: the input it
+// still held is lost, so the run fails.
+bool report_read_error(const ClientRun& run, const QuerySplitter* qs) {
+  if (!qs->read_failed) return false;
+  if (run.file)
+    std::fprintf(stderr, "\nError: cannot read file '%s'\n", run.file_name);
+  else
+    std::fputs("\nError: cannot read standard input\n", stderr);
+  return true;
+}
+
 struct SplitterOwner {
   QuerySplitter* qs;
   ~SplitterOwner() { query_splitter_free(qs); }
@@ -138,7 +162,7 @@ int run_queries(ClientRun* run) {
     return -1;
   }
   SplitterOwner splitter{open_splitter(*run)};
-  if (!splitter.qs) return -1;
+  if (!splitter.qs || report_read_error(*run, splitter.qs)) return -1;
   const int64_t tries = znconfig_get_lng(run->config, kClient, ZNCONFIG_CLIENT_CONNECTION_RETRIES);
   const int64_t port = znconfig_get_lng(run->config, kClient, ZNCONFIG_CLIENT_PORT);
   const char* host = znconfig_get_str(run->config, kClient, ZNCONFIG_CLIENT_HOST);
@@ -147,7 +171,7 @@ int run_queries(ClientRun* run) {
   session_set_timeout(connection, znconfig_get_dbl(run->config, kClient, ZNCONFIG_CLIENT_TIMEOUT));
   const int status = run_all(connection, splitter.qs, run->ignore_errors);
   client_disconnect(connection);
-  return status;
+  return report_read_error(*run, splitter.qs) ? -1 : status;
 }
 
 struct StoreOwner {

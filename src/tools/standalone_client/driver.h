@@ -15,6 +15,8 @@ struct ClientRun {
   std::FILE* file = nullptr;      // the -f file; owned: closed by client_run_close_file
   bool ignore_errors = false;     // -i
   bool ping = false;              // -p
+  // The -f file's name as given (points into argv), for its messages.
+  const char* file_name = nullptr;
 };
 
 enum class OptionsOutcome {
@@ -24,7 +26,8 @@ enum class OptionsOutcome {
 };
 
 // Scans argv from its first argument and acts on each option in order: writes the store's
-// client properties, loads -c files into the "conffile" layer, opens -f files at once ("rb"),
+// client properties, loads -c files into the "conffile" layer, opens -f files at once ("rb"; a
+// directory is refused like a file that cannot be opened, on every system),
 // sets run->query, run->ping (clearing print_results), run->ignore_errors. -v prints the version
 // and stops at once; a refused option prints the usage text. REQUIRES: run->config is set.
 OptionsOutcome client_scan_options(int argc, char** argv, ClientRun* run);
@@ -38,5 +41,7 @@ void client_run_close_file(ClientRun* run);
 
 // The whole run (main only calls this). Returns 0 when every query run succeeded (with -i: the
 // last one) or there was none, or after -v; -1 for a refused option, an unreadable -f file, a
-// query source or connection that cannot be opened, and a failed query.
+// query source or connection that cannot be opened, a failed query, and a read error of the
+// query source (reported on standard error after the queries read before it have run; with -i
+// too, since the rest of the input is lost).
 int kest_client_main(int argc, char** argv);

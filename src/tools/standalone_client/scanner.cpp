@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "kernel/ltype.h"
+#include "utils/kest_assert.h"
 #include "utils/mem.h"
 #include "utils/str_funcs.h"
 
@@ -79,10 +80,11 @@ void advance(Scanner* s) {
     c = s->get_char(s->get_char_arg);
     if (c < -1 || c > 255) c &= 0xFF;
   }
+  // Counts stop at their limit: a long input rebased statement by statement may hold more.
   if (c == '\n') {
-    ++s->line;
+    if (s->line < INT32_MAX) ++s->line;
     s->column = 0;
-  } else {
+  } else if (s->column < INT32_MAX) {
     ++s->column;
   }
   ++s->chars_read;
@@ -493,6 +495,11 @@ void scanner_free(Scanner* s) {
   }
   mem_free(s->ctx, s->yytext);
   mem_free(s->ctx, s);
+}
+
+void scanner_rebase(Scanner* s, int32_t n) {
+  KEST_ASSERT(nullptr, n >= 0 && n <= scanner_position(s));
+  s->chars_read -= n;
 }
 
 int32_t scanner_get_token(Scanner* s) {

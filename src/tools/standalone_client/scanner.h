@@ -23,9 +23,9 @@ struct Scanner {
   void* owner;              // free for the creator's use
   MemContext* ctx;          // holds this record, the token text and a string source
   const char* source_name;  // "file", "StringBuffer" or the creator's name, for messages
-  int32_t line;             // newlines read so far
-  int32_t column;           // characters read since the last newline
-  int32_t chars_read;       // every character-source call, end-of-input reads included
+  int32_t line;             // newlines read so far (stops at INT32_MAX)
+  int32_t column;           // characters read since the last newline (stops at INT32_MAX)
+  int32_t chars_read;       // character-source calls, end-of-input ones too, since the origin
   int32_t last_token;       // kind returned by the last get-token
   char* yytext;             // token text, always NUL-terminated (may hold NULs from escapes)
   int32_t yyleng;           // token length in bytes
@@ -58,9 +58,15 @@ inline int32_t scanner_length(const Scanner* s) { return s->yyleng; }
 inline int32_t scanner_line(const Scanner* s) { return s->line; }
 inline int32_t scanner_column(const Scanner* s) { return s->column; }
 inline int32_t scanner_chars_read(const Scanner* s) { return s->chars_read; }
-// Index, in the text consumed so far, of the look-ahead character.
+// Index, in the text consumed so far (counted from the origin), of the look-ahead character.
 inline int32_t scanner_position(const Scanner* s) { return s->chars_read - 1; }
 inline int32_t scanner_lookahead(const Scanner* s) { return s->cur; }
+// Moves the origin of positions `n` characters forward, for an owner that keeps the consumed
+// text and discards its first `n` bytes: positions then stay offsets in what it kept. Positions
+// are 32-bit, and an input is cut (reads as ended) once its position reaches INT32_MAX - 1, so an
+// owner that rebases at every statement limits a statement, not the whole input.
+// REQUIRES: 0 <= n <= scanner_position(s).
+void scanner_rebase(Scanner* s, int32_t n);
 
 // The extra registered names, tried after keywords and type names (kind TOK_EXTRA_NAME,
 // ASCII case-insensitive). The array and its strings are not copied and must outlive every

@@ -1,5 +1,6 @@
 #include "tools/standalone_client/split_query.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -18,8 +19,8 @@ constexpr const char* kFacility = nullptr;  // the default facility
 // Same classes as the scanner's whitespace, independent of the locale.
 inline bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
-// Every byte the scanner consumes lands in the text buffer, so positions in the scanner are
-// offsets in the buffer.
+// Every byte the scanner consumes lands in the text buffer, and the scanner's origin moves with
+// every byte dropped from its front, so positions in the scanner are offsets in the buffer.
 void append_byte(sb* b, int c) {
   if (b->length + 1 < b->capacity) {
     b->data[b->length++] = static_cast<char>(c);
@@ -38,6 +39,7 @@ int32_t file_source_get(void* arg) {
   const int c = platform_getc_unlocked(qs->file);
   if (c == EOF) {
     qs->file_ended = true;
+    qs->read_failed = std::ferror(qs->file) != 0;
     return -1;
   }
   append_byte(qs->text, c);
@@ -51,6 +53,16 @@ QuerySplitter* splitter_alloc() {
   qs->text = sb_create(0);
   qs->scanner_ctx = mem_context_create(qs->ctx, "scanner");
   return qs;
+}
+
+// File mode: what lies before `startpos` belongs to statements already handed out (whose texts
+// die with this call), so it is dropped. What is kept is the look-ahead byte, at most.
+int32_t drop_consumed(QuerySplitter* qs, int32_t startpos) {
+  if (!qs->file || startpos <= 0) return startpos;
+  const auto n = std::min(static_cast<size_t>(startpos), qs->text->length);
+  sb_drop_front(qs->text, n);
+  scanner_rebase(qs->lss, static_cast<int32_t>(n));
+  return startpos - static_cast<int32_t>(n);
 }
 
 }  // namespace
@@ -94,7 +106,7 @@ QuerySplitter* query_splitter_create_string(const char* text) {
 
 const char* query_splitter_next(QuerySplitter* qs) {
   for (;;) {
-    int32_t startpos = scanner_position(qs->lss);
+    int32_t startpos = drop_consumed(qs, scanner_position(qs->lss));
     const bool no_token = scanner_get_token(qs->lss) == TOK_END;
     if (!no_token)
       while (scanner_get_token(qs->lss) != TOK_END) {
@@ -113,6 +125,8 @@ const char* query_splitter_next(QuerySplitter* qs) {
       KEST_ASSERT(kFacility, *qs->lss->yytext == 0);
       return nullptr;
     }
+    // A statement that a read error cut short is not run as if it were whole.
+    if (qs->read_failed && !semicolon) return nullptr;
     while (startpos < endpos && is_space(text[startpos])) ++startpos;
     KEST_ASSERT(kFacility, startpos < endpos);
     ZN_LOG(kFacility, ZN_DEBUG, "next query [%s]", text + startpos);

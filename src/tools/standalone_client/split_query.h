@@ -11,18 +11,25 @@ struct Scanner;
 struct sb;
 
 struct QuerySplitter {
-  char* s;                  // string mode: private copy of the input; null in file mode
-  FILE* file;               // file mode: the stream read from (borrowed, never closed here)
-  sb* text;                 // every byte consumed so far; queries point into it
+  char* s;     // string mode: private copy of the input; null in file mode
+  FILE* file;  // file mode: the stream read from (borrowed, never closed here)
+  // The consumed input, from the first byte of the current statement on in file mode (what lies
+  // before it is dropped when the next statement starts, so a script of any length needs room
+  // for its longest statement only); the whole string in string mode. Queries point into it.
+  sb* text;
   Scanner* lss;             // the scanner, in scanner_ctx
   MemContext* ctx;          // "querysplitter"
   MemContext* scanner_ctx;  // "scanner", child of ctx
-  bool file_ended;          // the stream reported its end; it is not asked again
+  bool file_ended;          // the stream reported its end or an error; it is not asked again
+  bool read_failed;         // file mode: the stream reported a read error (see below)
 };
 
 // A splitter reading `file` one byte per call (look-ahead included: when a query is handed out,
 // the byte after its ";" has already been read, so the caller must not read `file` itself
 // meanwhile). `file` must outlive the splitter. Null when the splitter cannot be allocated.
+// A read error of the stream ends the input as its end would, except that a statement it cut
+// short is not handed out: query_splitter_next returns null and read_failed is set, for the
+// caller to report (the splitter prints nothing). Statements ended by ";" before it still come.
 // REQUIRES: file != null (asserted as "qs->file && !qs->s" at the first read).
 QuerySplitter* query_splitter_create_file(FILE* file);
 // A splitter over a copy of `text` (the caller's string is not kept). Null on allocation
