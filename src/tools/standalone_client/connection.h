@@ -15,4 +15,5 @@ struct ClientConnection {
   char* key;             // owned, 65 bytes zero-filled: up to 64 key bytes and a zero
   NetBuffer netbuf;      // owns the socket once connected
   QueryResult result;    // the query in flight; empty between queries
+  int64_t rows;          // rows received for the last query run
 };

@@ -76,9 +76,7 @@ int send_query(ClientConnection* connection, const char* query) {
 // Reads data messages to the end of the results or the first failure: 0 or -1.
 int read_results(ClientConnection* connection) {
   int64_t result = 0;
-  do {
-    result = receive_data(connection);
-  } while (result > 0);
+  while ((result = receive_data(connection)) > 0) connection->rows += result;
   return result == 0 ? 0 : -1;
 }
 
@@ -134,6 +132,7 @@ ClientConnection* client_connect(const char* host, int64_t port, int64_t tries) 
 
 int run_query(ClientConnection* connection, const char* query) {
   int result = -1;
+  connection->rows = 0;
   ZN_LOG(kFacility, ZN_INFO, "Sending query");
   if (send_query(connection, query) != 0) {
     ZN_LOG(kFacility, ZN_ERROR, "network error while sending query");
@@ -155,6 +154,13 @@ int run_query(ClientConnection* connection, const char* query) {
   }
   query_finish(&connection->result);
   return result;
+}
+
+std::string timing_line(double milliseconds, int64_t rows) {
+  char line[96];
+  std::snprintf(line, sizeof line, "Time: %.3f ms, %lld %s\n", milliseconds,
+                static_cast<long long>(rows), rows == 1 ? "row" : "rows");
+  return line;
 }
 
 void client_disconnect(ClientConnection* connection) {
