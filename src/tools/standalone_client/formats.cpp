@@ -122,6 +122,15 @@ std::string_view value_text(ResultPrinter& p, const Column& c, uint8_t kind, con
   return long_value_text(p, c, value);
 }
 
+// A value of a kPlainValue column, printed straight into the output block (its text has no byte
+// that any format quotes or escapes: digits, signs, points, blanks, "$", ":", "-", letters).
+char* put_printed(ResultPrinter& p, char* w, const Column& c, const char* value) {
+  char* cell = p.out.make_room(w, kValueTextSize);
+  const int n = c.text(cell, kValueTextSize, c.type, c.ltype, value);
+  if (n >= 0 && static_cast<size_t>(n) < kValueTextSize) return cell + n;
+  return put(p.out, cell, long_value_text(p, c, value));
+}
+
 // The kind of each visible column for the formats that only tell texts from other values.
 void classify_texts(ResultPrinter& p) {
   p.kinds.clear();
@@ -176,23 +185,24 @@ char* put_csv_field(Out& out, char* w, std::string_view s) {
   return s.empty() ? put(out, w, "\"\"") : put(out, w, s);
 }
 
-// A terminated stored text: one pass finds its end and whether it needs quotes.
+// Texts up to this length are copied while they are scanned.
+constexpr size_t kShortText = 64;
+
+// A terminated stored text. A short one that needs no quotes (the usual text) is copied in the
+// same pass that finds its end; any other is written from the start again by the general path.
 char* put_csv_stored(OutBuffer& out, char* w, const char* text) {
+  char* const start = out.make_room(w, kShortText);
   size_t n = 0;
-  while (!kCsvStop[static_cast<unsigned char>(text[n])]) ++n;
-  if (text[n] == '\0' && n > 0) return put(out, w, std::string_view(text, n));
-  return put_csv_field(out, w, std::string_view(text, n + std::strlen(text + n)));
+  for (; n < kShortText && !kCsvStop[static_cast<unsigned char>(text[n])]; ++n) start[n] = text[n];
+  if (n < kShortText && text[n] == '\0' && n > 0) return start + n;
+  return put_csv_field(out, start, std::string_view(text, n + std::strlen(text + n)));
 }
 
 char* put_csv_cell(ResultPrinter& p, char* w, const Column& c, uint8_t kind, const char* value) {
   if (value == nullptr) return put(p.out, w, p.null_text);
   switch (kind) {
-    case kPlainValue: {  // numbers, dates, times, intervals, booleans: never quoted
-      char* cell = p.out.make_room(w, kValueTextSize);
-      const int n = c.text(cell, kValueTextSize, c.type, c.ltype, value);
-      if (n >= 0 && static_cast<size_t>(n) < kValueTextSize) return cell + n;
-      return put(p.out, cell, long_value_text(p, c, value));
-    }
+    case kPlainValue:
+      return put_printed(p, w, c, value);
     case kStoredText:
       return put_csv_stored(p.out, w, stored_text(value));
     default: {
@@ -432,14 +442,26 @@ void csv_head(ResultPrinter& p, char* const* names) {
   p.out.advance_to(put(p.out, w, '\n'));
 }
 
+// The hot loop of the data formats: the printer's arrays are read through local pointers, which
+// the bytes written cannot alias, so they are not loaded again after every store.
 void csv_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {
-  each_row(p, selection, rows, [&](char* w, int64_t, int64_t row) {
-    w = each_cell(p, w, data, row, [&](char* at, const Column& c, size_t k, const char* value) {
-      if (k > 0) at = put(p.out, at, ',');
-      return put_csv_cell(p, at, c, p.kinds[k], value);
-    });
-    return put(p.out, w, '\n');
-  });
+  const int32_t* const visible = p.visible.data();
+  const Column* const columns = p.columns.data();
+  const uint8_t* const kinds = p.kinds.data();
+  const size_t n = p.visible.size();
+  char* w = p.out.cursor();
+  for (int64_t r = 0; r < rows; ++r) {
+    const int64_t row = selection ? selection[r] : r;
+    for (size_t k = 0; k < n; ++k) {
+      if (k > 0) w = put(p.out, w, ',');
+      const int32_t i = visible[k];
+      const Column& c = columns[i];
+      const char* value = cell_is_null(c, data, row) ? nullptr : cell_value(c, data, row, i);
+      w = put_csv_cell(p, w, c, kinds[k], value);
+    }
+    w = put(p.out, w, '\n');
+  }
+  p.out.advance_to(w);
 }
 
 void tsv_head(ResultPrinter& p, char* const* names) {
@@ -459,6 +481,7 @@ void tsv_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int
     w = each_cell(p, w, data, row, [&](char* at, const Column& c, size_t k, const char* value) {
       if (k > 0) at = put(p.out, at, '\t');
       if (value == nullptr) return put(p.out, at, null_text);
+      if (p.kinds[k] == kPlainValue) return put_printed(p, at, c, value);
       char slot[kValueTextSize];
       return put_tsv(p.out, at, value_text(p, c, p.kinds[k], value, slot));
     });
@@ -510,6 +533,8 @@ void markdown_rows(ResultPrinter& p, void* const* data, const int32_t* selection
       at = put(p.out, at, ' ');
       if (value == nullptr) {
         at = put(p.out, at, p.null_text);
+      } else if (p.kinds[k] == kPlainValue) {
+        at = put_printed(p, at, c, value);
       } else {
         char slot[kValueTextSize];
         at = put_markdown(p.out, at, value_text(p, c, p.kinds[k], value, slot));
@@ -548,6 +573,8 @@ void vertical_rows(ResultPrinter& p, void* const* data, const int32_t* selection
       at = put(p.out, at, p.labels[k]);
       if (value == nullptr) {
         at = put(p.out, at, p.null_text);
+      } else if (p.kinds[k] == kPlainValue) {
+        at = put_printed(p, at, c, value);
       } else {
         char slot[kValueTextSize];
         at = put_escaped(p.out, at, value_text(p, c, p.kinds[k], value, slot), kLineFeed,
