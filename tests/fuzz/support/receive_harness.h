@@ -351,7 +351,8 @@ inline std::string check_receive(const uint8_t* data, size_t size, bool* skipped
   fuzz_init();
   if (skipped) *skipped = true;
   if (size < 2) return {};
-  const auto mode = static_cast<OutputMode>(data[0] & 3);
+  // Every output mode, the data formats (4 to 8) included; the seeds use 0 to 3.
+  const auto mode = static_cast<OutputMode>(data[0] % 9);
   const uint32_t seed = data[1];
   const std::string_view stream(reinterpret_cast<const char*>(data) + 2, size - 2);
   const StreamModel model = model_stream(stream);
