@@ -23,9 +23,6 @@ constexpr double kInf = std::numeric_limits<double>::infinity();
 // Goldens are raw literals that start on the line after the opening delimiter.
 std::string golden(const char* text) { return text[0] == '\n' ? text + 1 : text; }
 
-constexpr OutputMode kFormats[] = {OutputMode::kCsv, OutputMode::kTsv, OutputMode::kJson,
-                                   OutputMode::kMarkdown, OutputMode::kVertical};
-
 const char* name_of(OutputMode mode) {
   switch (mode) {
     case OutputMode::kCsv:
