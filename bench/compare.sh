@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # kest_client beside psql, in one run: client CPU per million rows and peak memory for a wide
-# result in raw and aligned output, the same at 1 and 100 million rows, whole-process latency
-# of one trivial query, and many small queries in one session.
+# result in raw, aligned and csv output, the same at 1 and 100 million rows, whole-process
+# latency of one trivial query, and many small queries in one session.
 #
 #   bench/compare.sh [--quick]
 #
@@ -116,6 +116,14 @@ awk -F'|' 'NR == FNR { line[FNR] = $0; n = FNR; next }
   END { if (!bad && m != n) { print "row counts " n " vs " m; bad = 1 }; exit bad }' \
   "$tmp/kest.txt" "$tmp/psql.txt" >&2 || { echo "the two sides produce different values" >&2; exit 1; }
 echo "same values on both sides (2000 rows checked)" >&2
+# csv: the header and the rows of both sides, none of which needs quotes in this workload, are
+# the raw rows with "," for "|" (kest_client's csv is checked against its raw rows, which were
+# checked against psql's above).
+kest --format csv -e "$(kest_rows 2000)" >"$tmp/kest.csv" 2>/dev/null
+psql_ --csv -c "$(sql_rows 2000)" >"$tmp/psql.csv"
+{ echo "a,b,c,d,e,f"; tr '|' ',' <"$tmp/kest.txt"; } | cmp -s - "$tmp/kest.csv" &&
+  [ "$(head -1 "$tmp/psql.csv")" = "a,b,c,d,e,f" ] && [ "$(wc -l <"$tmp/psql.csv")" -eq 2001 ] ||
+  { echo "the csv of the two sides does not hold the raw rows" >&2; exit 1; }
 
 # ---------------------------------------------------------------------------- measurements
 # measure NAME COMMAND...: "user sys maxrss_kib wall" of the command alone, stdout to /dev/null.
@@ -152,10 +160,16 @@ for rows in $ROWS_SMALL $ROWS_MAIN; do
     -e "$(kest_rows "$rows")"
   best_of_two "psql_aligned_$rows" "$PG_BIN/psql" -X -q -h 127.0.0.1 -p "$pg_port" -U bench \
     -d postgres -c "$(sql_rows "$rows")"
+  best_of_two "kest_csv_$rows" "$BIN/kest_client" -h 127.0.0.1 -P "$kest_port" --format csv \
+    -e "$(kest_rows "$rows")"
+  best_of_two "psql_csv_$rows" "$PG_BIN/psql" -X -q -h 127.0.0.1 -p "$pg_port" -U bench \
+    -d postgres --csv -c "$(sql_rows "$rows")"
 done
 measure "kest_raw_$ROWS_BIG" "$BIN/kest_client" -h 127.0.0.1 -P "$kest_port" -r \
   -e "$(kest_rows "$ROWS_BIG")"
 measure "kest_ascii_$ROWS_BIG" "$BIN/kest_client" -h 127.0.0.1 -P "$kest_port" -o ascii \
+  -e "$(kest_rows "$ROWS_BIG")"
+measure "kest_csv_$ROWS_BIG" "$BIN/kest_client" -h 127.0.0.1 -P "$kest_port" --format csv \
   -e "$(kest_rows "$ROWS_BIG")"
 
 echo "latency (hyperfine, $PINGS runs each)" >&2
@@ -190,10 +204,10 @@ echo "kest_client vs psql 15 — $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) core
   "$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1)," \
   "load average at the end $(cut -d' ' -f1-3 /proc/loadavg)"
 row "workload" "kest_client" "psql" "ratio" "target" "result"
-for mode in raw aligned; do
-  k=kest_raw p=psql_raw
-  [ $mode = aligned ] && k=kest_ascii p=psql_aligned
-  need=4; [ $mode = aligned ] && need=20
+for mode in raw aligned csv; do
+  k=kest_raw p=psql_raw need=4
+  [ $mode = aligned ] && k=kest_ascii p=psql_aligned need=20
+  [ $mode = csv ] && k=kest_csv p=psql_csv need=8
   kc=$(per_mrow "${k}_$M" "$M") pc=$(per_mrow "${p}_$M" "$M")
   row "$mode $(mrows "$M") rows: CPU s / M rows" "$kc" "$pc" "$(ratio "$pc" "$kc")" \
     "psql/kest >= ${need}x" "$(verdict "$pc >= $need * $kc")"
@@ -209,6 +223,9 @@ for mode in raw aligned; do
     row "$mode $(mrows "$n") rows: CPU s / M rows" "$(per_mrow "${k}_$n" "$n")" "$pc_n" "" "" ""
   done
 done
+kc=$(per_mrow "kest_csv_$M" "$M") kr=$(per_mrow "kest_raw_$M" "$M")
+row "csv $(mrows "$M") rows: CPU of kest csv / raw" "$(ratio "$kc" "$kr")" "" "" \
+  "kest csv/raw <= 1.5x" "$(verdict "$kc <= 1.5 * $kr")"
 row "latency: median wall ms" "$kest_ping" "$psql_ping" "$(ratio "$psql_ping" "$kest_ping")" \
   "kest < 5 ms, >= 5x" "$(verdict "$kest_ping < 5 && $psql_ping >= 5 * $kest_ping")"
 kq=$(awk -v w="$(wall kest_small)" -v n="$SMALL_QUERIES" 'BEGIN { printf "%.0f", n / w }')

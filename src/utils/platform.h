@@ -42,6 +42,9 @@ uint32_t current_thread_id();
 int current_process_id();
 // True when standard output is a character device (a console).
 bool stdout_is_console();
+// Standard output writes its bytes as given from here on: on Windows no line feed becomes CR LF
+// (binary mode); elsewhere there is nothing to change.
+void stdout_set_binary();
 
 // A recursive mutual-exclusion lock (as critical sections are). Create returns null on failure.
 struct Lock;

@@ -51,6 +51,8 @@ bool stdout_is_console() {
   return fstat(1, &st) == 0 && S_ISCHR(st.st_mode);
 }
 
+void stdout_set_binary() {}
+
 int platform_setenv(const char* name, const char* value) {
   return value ? setenv(name, value, 1) : unsetenv(name);
 }

@@ -1,10 +1,13 @@
 // The platform layer on Windows: the system clock's calendar fields, critical sections and the
 // VirtualAlloc family.
+#include <fcntl.h>
+#include <io.h>
 #include <process.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <windows.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <new>
 
@@ -40,6 +43,11 @@ int current_process_id() { return _getpid(); }
 bool stdout_is_console() {
   struct _stat64i32 st;
   return _fstat64i32(1, &st) == 0 && (st.st_mode & _S_IFCHR) != 0;
+}
+
+void stdout_set_binary() {
+  std::fflush(stdout);
+  _setmode(1, _O_BINARY);
 }
 
 int platform_setenv(const char* name, const char* value) {

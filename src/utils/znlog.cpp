@@ -27,6 +27,8 @@ struct TxEntry {
 
 struct Logger {
   bool initialised = false;
+  uint32_t default_level = kBuiltinLogLevel;  // of the built-in default rule
+  std::string config_text;                    // what the configuration was parsed from
   LogConfig config;
   std::FILE* file = nullptr;  // the opened log file, never closed but by a test reset
   Lock* output_lock = nullptr;
@@ -42,7 +44,7 @@ Logger& logger() {
 
 void initialise(const char* config_text, std::FILE* out, std::FILE* err) {
   Logger& l = logger();
-  l.config = builtin_log_config();
+  l.config = builtin_log_config(l.default_level);
   l.config.styles[kLogStdout].stream = out;
   l.config.styles[kLogStderr].stream = err;
   l.output_lock = lock_create();
@@ -51,7 +53,8 @@ void initialise(const char* config_text, std::FILE* out, std::FILE* err) {
   // From here on a log call made while the configuration is read uses the built-in one.
   l.initialised = true;
 
-  LogConfig parsed = parse_log_config(config_text ? config_text : find_log_config_text().c_str());
+  l.config_text = config_text ? config_text : find_log_config_text();
+  LogConfig parsed = parse_log_config(l.config_text, l.default_level);
   if (parsed.error_line && out) {
     std::fprintf(out, "error parsing configuration logger at line %d\n", parsed.error_line);
   }
@@ -318,12 +321,26 @@ void zn_log_thread_set_txid(uint32_t thread_id, int64_t txid) {
 
 int64_t zn_log_thread_get_txid(uint32_t thread_id) { return txid_of(ready_logger(), thread_id); }
 
+void zn_log_set_default_level(int level) {
+  Logger& l = logger();
+  l.default_level = static_cast<uint32_t>(
+      std::clamp(level, static_cast<int>(ZN_ERROR), static_cast<int>(ZN_TRACE)));
+  if (!l.initialised) return;
+  // The rules are parsed again over the new default; outputs, styles and the file stay.
+  const LogConfig parsed = parse_log_config(l.config_text, l.default_level);
+  LockGuard guard(l.output_lock);
+  std::copy(std::begin(parsed.rules), std::end(parsed.rules), std::begin(l.config.rules));
+  l.config.rule_count = parsed.rule_count;
+}
+
 void zn_log_reset_for_tests(const char* config_text, std::FILE* out, std::FILE* err) {
   Logger& l = logger();
   if (l.file) std::fclose(l.file);
   hash_table_destroy(l.registry);
   lock_destroy(l.registry_lock);
   lock_destroy(l.output_lock);
+  const uint32_t default_level = l.default_level;  // a program setting, not a configuration
   l = Logger{};
+  l.default_level = default_level;
   initialise(config_text, out ? out : stdout, err ? err : stderr);
 }

@@ -76,6 +76,15 @@ void zn_log_thread_destroy(uint32_t thread_id);
 void zn_log_thread_set_txid(uint32_t thread_id, int64_t txid);
 int64_t zn_log_thread_get_txid(uint32_t thread_id);
 
+// Sets the level of the built-in default rule (info unless set): the rule every facility follows
+// when no configuration text is found, and the starting point of a text's "default" entry and of
+// the facility rules before it; so a text that names a level for a facility keeps it. Meant to be
+// called before the first message (kest_client's --quiet sets warn there); when the logger has
+// already configured itself its rules are parsed again from the same text over the new level
+// (outputs, styles and the log file stay). Levels outside 0-4 are clamped. Not thread-safe
+// against concurrent logging.
+void zn_log_set_default_level(int level);
+
 // For tests only: forgets the current configuration and transaction registry and initialises the
 // logger again from `config_text` (null: the environment search above), writing the standard
 // output and standard error outputs to `out` and `err` (null: the process's streams). The caller

@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr uint32_t kBuiltinLevel = ZN_INFO;
 constexpr uint32_t kBuiltinOutputs = 1u << kLogStderr;
 
 constexpr std::array<std::string_view, 5> kLevelWords = {"error", "warn", "info", "debug", "trace"};
@@ -126,10 +125,10 @@ bool apply_style_word(OutputStyle& style, std::string_view w) {
   return true;
 }
 
-FacilityRule builtin_rule() {
+FacilityRule builtin_rule(uint32_t level) {
   FacilityRule r{};
   std::memcpy(r.name, "default", 7);
-  r.level = kBuiltinLevel;
+  r.level = level;
   r.colour = kColourDefault;
   r.outputs = kBuiltinOutputs;
   return r;
@@ -137,7 +136,8 @@ FacilityRule builtin_rule() {
 
 class Parser {
  public:
-  Parser(std::string_view text, LogConfig& config) : tokens_(text), config_(config) {}
+  Parser(std::string_view text, LogConfig& config, uint32_t default_level)
+      : tokens_(text), config_(config), default_level_(default_level) {}
 
   void run() {
     int entry = 1;
@@ -199,7 +199,7 @@ class Parser {
     const auto list = parse_list(tokens_);
     if (!list) return std::nullopt;
     const bool is_default = name == "default";
-    FacilityRule rule = is_default ? builtin_rule() : config_.rules[0];
+    FacilityRule rule = is_default ? builtin_rule(default_level_) : config_.rules[0];
     uint32_t outputs = 0;
     for (std::string_view w : list->words) {
       if (const auto level = index_of(kLevelWords, w)) {
@@ -226,6 +226,7 @@ class Parser {
 
   Tokenizer tokens_;
   LogConfig& config_;
+  uint32_t default_level_;
 };
 
 std::string read_whole_file(const char* path) {
@@ -260,9 +261,9 @@ std::string read_config_in(const char* directory, const char* name) {
 
 }  // namespace
 
-LogConfig builtin_log_config() {
+LogConfig builtin_log_config(uint32_t default_level) {
   LogConfig c{};
-  c.rules[0] = builtin_rule();
+  c.rules[0] = builtin_rule(default_level);
   c.rule_count = 1;
   c.styles[kLogStdout].color = 1;
   c.styles[kLogStdout].comment = 1;
@@ -273,9 +274,9 @@ LogConfig builtin_log_config() {
   return c;
 }
 
-LogConfig parse_log_config(std::string_view text) {
-  LogConfig config = builtin_log_config();
-  Parser(text, config).run();
+LogConfig parse_log_config(std::string_view text, uint32_t default_level) {
+  LogConfig config = builtin_log_config(default_level);
+  Parser(text, config, default_level).run();
   if (config.filename.empty()) {
     for (int i = 0; i < config.rule_count; ++i) {
       if (config.rules[i].outputs & (1u << kLogFile)) {

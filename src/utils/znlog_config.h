@@ -35,16 +35,21 @@ struct LogConfig {
   int error_line;        // the entry where parsing stopped, 0 when the whole text parsed
 };
 
-// The built-in configuration: the default rule (info, colour 16, standard error) and the
-// built-in styles (standard output: color, comment; standard error: comment; file: timestamp,
+// The level of the built-in default rule unless the program chooses another
+// (zn_log_set_default_level).
+constexpr uint32_t kBuiltinLogLevel = 2;  // info
+
+// The built-in configuration: the default rule (`default_level`, colour 16, standard error) and
+// the built-in styles (standard output: color, comment; standard error: comment; file: timestamp,
 // showlevel, pid).
-LogConfig builtin_log_config();
+LogConfig builtin_log_config(uint32_t default_level = kBuiltinLogLevel);
 
 // Parses `text` over the built-in configuration. Stops at the first error, keeping the entries
 // before it and recording the entry's number (from 1; each line feed or comma ends an entry) in
 // `error_line`. Never reads outside `text`. Afterwards, when a rule sends to the file output and
-// no name was given, the name is "quillmarke.log".
-LogConfig parse_log_config(std::string_view text);
+// no name was given, the name is "quillmarke.log". A "default" entry starts from the built-in
+// default rule at `default_level`; so do the facility rules that come before one.
+LogConfig parse_log_config(std::string_view text, uint32_t default_level = kBuiltinLogLevel);
 
 // Where the log file goes: `filename` as it stands, or inside `directory` (when it is non-null
 // and non-empty) when the name is not absolute. Empty when there is no log file.

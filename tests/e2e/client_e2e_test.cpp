@@ -5,17 +5,26 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "kernel/ltype.h"
 #include "support/run_process.h"
 #include "support/scripted_peer.h"
+#include "tools/refserver/parser.h"
+#include "tools/refserver/relation.h"
 #include "tools/refserver/server.h"
+#include "utils/context.h"
 
 namespace {
 
@@ -348,6 +357,264 @@ TEST_F(ClientE2E, ASilentServerTimesOutAndTheNextQueryReconnects) {
     EXPECT_EQ(count_of(r.err, where + " for 0.3 seconds"), 2u) << r.err;
     EXPECT_EQ(count_of(r.err, "re-opening the connection"), 1u) << r.err;
   }
+}
+
+// The data formats against the reference server.
+
+// A large result of mixed types: numbers of every kind, dates, times, texts that hold every byte
+// csv and json treat specially (and none), multibyte characters, empty texts and nulls.
+std::string mixed_query(int rows) {
+  return "Project(Array([i=" + std::to_string(rows) +
+         "]), [i, l = *(slng(i), -(3)), u = ulng(*(i, 7)), h = s128(*(slng(i), 1000000007)), "
+         "b = bool(%(i, 2)), d = decimal(*(decimal('1.25'), i), 12, 2), "
+         "d16 = decimal(*(decimal('-0.5'), i), 30, 3), g = /(dbl(i), 7), f = flt(/(dbl(i), 3)), "
+         "m = money(-(i, 500)), dt = date(+(%(i, 36500), 738945)), tm = time('12:34:56.5', 1), "
+         "iv = intervalds('-1 01:01:01'), ym = intervalym('2-03'), "
+         "s = substr(concat(str(i), 'a,b\"c\\n\\r\\t|\\\\\\u20ac x'), 1, %(i, 14)), "
+         "n = nullif(%(i, 5), 0), ns = nullif(substr(str(i), 1, 1), '1'), c = char('\\u20ac')])";
+}
+
+std::string hex(std::string_view bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned char b : bytes) (out += kDigits[b >> 4]) += kDigits[b & 15];
+  return out;
+}
+
+// The server's values, as the reference server's own evaluator computes them, and what the two
+// formats must carry for each: the csv field and the json value in the tagged form the reader
+// script prints (Z null, S+hex a string, N+text a number, T/F a boolean; D+hex a number that
+// must read back as this double, R+hex as this float).
+struct Expected {
+  std::vector<std::string> names;
+  std::vector<std::vector<std::pair<std::string, std::string>>> rows;  // (csv, json) per column
+};
+
+std::string bits(const void* value, size_t size) {
+  return hex(std::string_view(static_cast<const char*>(value), size));
+}
+
+std::pair<std::string, std::string> expected_cell(const ColumnType& type, const Vector& v,
+                                                  size_t row) {
+  if (v.is_null(row)) return {"Z", "Z"};
+  const size_t at = v.at(row);
+  const uint32_t id = ltype_id(type.ltype);
+  if (value_form(type.ltype) == ValueForm::text)
+    return {"S" + hex(v.texts[at]), "S" + hex(v.texts[at])};
+  // The value as the client stores it, then printed by the client's value printer.
+  alignas(16) unsigned char stored[16] = {};
+  const PhysicalType* physical = ltype_physical(type.ltype);
+  if (value_form(type.ltype) == ValueForm::integer) {
+    std::memcpy(stored, &v.ints[at], static_cast<size_t>(ptype_width(physical)));
+  } else if (id == LTYPE_FLT4) {
+    const auto f = static_cast<float>(v.reals[at]);
+    std::memcpy(stored, &f, sizeof f);
+  } else {
+    std::memcpy(stored, &v.reals[at], sizeof(double));
+  }
+  char text[1024];
+  const int n = value_to_string(text, sizeof text, physical, type.ltype, stored);
+  const std::string printed(text, static_cast<size_t>(n));
+  const std::string csv = "S" + hex(printed);
+  switch (id) {
+    case LTYPE_BOOL:
+      return {csv, printed == "true" ? "T" : "F"};
+    case LTYPE_FLT4:
+      return {csv, "R" + bits(stored, sizeof(float))};
+    case LTYPE_FLT8:
+      return {csv, "D" + bits(stored, sizeof(double))};
+    case LTYPE_MONEY:
+      return {csv, "N" + printed.substr(2)};  // without "$ "
+    case LTYPE_DATE:
+    case LTYPE_TIME:
+    case LTYPE_TIMESTAMP:
+    case LTYPE_INTERVALDS:
+    case LTYPE_INTERVALYM:
+    case LTYPE_CHAR:
+      return {csv, "S" + hex(printed)};
+    default:
+      return {csv, "N" + printed};
+  }
+}
+
+Expected server_values(const std::string& query) {
+  Expected e;
+  QueryContext* ctx = query_context_create(nullptr);
+  const auto rel = parse_query(ctx, query);
+  const auto source = build_plan(ctx, *rel, 1024, nullptr);
+  e.names = source->schema().names;
+  Batch batch;
+  while (source->next(batch)) {
+    for (size_t r = 0; r < batch.rows; ++r) {
+      auto& row = e.rows.emplace_back();
+      for (size_t c = 0; c < batch.columns.size(); ++c)
+        row.push_back(expected_cell(source->schema().types[c], batch.columns[c], r));
+    }
+  }
+  query_context_destroy(ctx);
+  return e;
+}
+
+// Reads the csv with Python's csv module and the json lines with its json module (numbers kept
+// as their text) and prints one line per row: the csv fields, a tab, the json values, in the
+// tagged form above; first the header and the keys of the first object.
+constexpr const char* kReaderScript = R"(
+import csv, json, sys
+class Num(str): pass
+def tag(v):
+    if v is None: return 'Z'
+    if v is True: return 'T'
+    if v is False: return 'F'
+    if isinstance(v, Num): return 'N' + v
+    return 'S' + v.encode('utf-8').hex()
+with open(sys.argv[1], newline='', encoding='utf-8') as f:
+    rows = list(csv.reader(f, strict=True))
+with open(sys.argv[2], encoding='utf-8') as f:
+    objects = [json.loads(line, parse_int=Num, parse_float=Num) for line in f]
+out = sys.stdout
+out.write(' '.join(rows[0]) + '\t' + ' '.join(objects[0].keys()) + '\n')
+for fields, obj in zip(rows[1:], objects):
+    out.write(' '.join('Z' if x == '<NULL>' else 'S' + x.encode('utf-8').hex() for x in fields))
+    out.write('\t' + ' '.join(tag(v) for v in obj.values()) + '\n')
+out.write('rows %d %d\n' % (len(rows) - 1, len(objects)))
+)";
+
+// An executable python3 on PATH, or empty.
+std::string find_python() {
+  const char* path = std::getenv("PATH");
+  std::stringstream dirs(path ? path : "");
+  for (std::string dir; std::getline(dirs, dir, ':');) {
+    const fs::path candidate = fs::path(dir) / "python3";
+    std::error_code ec;
+    if (!dir.empty() && fs::is_regular_file(candidate, ec)) return candidate.string();
+  }
+  return {};
+}
+
+bool json_value_matches(const std::string& got, const std::string& expected) {
+  if (expected[0] == 'D' || expected[0] == 'R') {  // read back: the same bits
+    if (got[0] != 'N') return false;
+    const std::string text = got.substr(1);
+    if (expected[0] == 'D') {
+      const double d = std::strtod(text.c_str(), nullptr);
+      return "D" + bits(&d, sizeof d) == expected;
+    }
+    const float f = std::strtof(text.c_str(), nullptr);
+    return "R" + bits(&f, sizeof f) == expected;
+  }
+  return got == expected;
+}
+
+TEST_F(ClientE2E, CsvAndJsonReadByRealParsersGiveTheServersValues) {
+  const std::string python = find_python();
+  if (python.empty()) GTEST_SKIP() << "no python3 on PATH";
+  constexpr int kRows = 30000;
+  const std::string query = mixed_query(kRows);
+  start();
+  const ProcessResult csv = client({"--quiet", "--format", "csv", "--null", "<NULL>", "-e", query});
+  const ProcessResult json = client({"--quiet", "--format", "json", "-e", query});
+  ASSERT_EQ(csv.status, 0) << csv.err;
+  ASSERT_EQ(json.status, 0) << json.err;
+  EXPECT_EQ(csv.err + json.err, "") << "--quiet leaves standard error to errors";
+  const std::string script = write("read_formats.py", kReaderScript);
+  const std::string csv_file = write("result.csv", csv.out);
+  const std::string json_file = write("result.json", json.out);
+  ProcessOptions options;
+  options.time_limit = std::chrono::seconds(120);
+  const ProcessResult read = run_process({python, script, csv_file, json_file}, options);
+  ASSERT_EQ(read.status, 0) << read.err;
+
+  const Expected expected = server_values(query);
+  ASSERT_EQ(expected.rows.size(), static_cast<size_t>(kRows));
+  std::istringstream lines(read.out);
+  std::string line;
+  std::getline(lines, line);
+  std::string names;
+  for (const std::string& n : expected.names) names += (names.empty() ? "" : " ") + n;
+  EXPECT_EQ(line, names + "\t" + names);
+  size_t mismatches = 0;
+  for (size_t r = 0; r < expected.rows.size() && std::getline(lines, line); ++r) {
+    const size_t tab = line.find('\t');
+    std::istringstream csv_cells(line.substr(0, tab)), json_cells(line.substr(tab + 1));
+    for (size_t c = 0; c < expected.names.size(); ++c) {
+      std::string got_csv, got_json;
+      csv_cells >> got_csv;
+      json_cells >> got_json;
+      const auto& [want_csv, want_json] = expected.rows[r][c];
+      if (got_csv != want_csv || !json_value_matches(got_json, want_json)) {
+        if (++mismatches <= 5) {
+          ADD_FAILURE() << "row " << r << " column " << expected.names[c] << ": csv " << got_csv
+                        << " json " << got_json << ", server " << want_csv << " / " << want_json;
+        }
+      }
+    }
+  }
+  EXPECT_EQ(mismatches, 0u);
+  std::getline(lines, line);
+  EXPECT_EQ(line, "rows " + std::to_string(kRows) + " " + std::to_string(kRows));
+}
+
+// A value of 10 MiB (a text doubled twenty times by nested projections) arrives whole.
+TEST_F(ClientE2E, TenMegabyteValueArrivesWhole) {
+  std::string query = "Project(Array([i=1]), [s = 'a,b\"c\\n'])";
+  for (int i = 0; i < 21; ++i) query = "Project(" + query + ", [s = concat(s, s)])";
+  start();
+  const std::string quoted = "a,b\"\"c\n";
+  for (const auto& [format, head, expected_piece, tail] :
+       {std::tuple<std::string, std::string, std::string, std::string>{"csv", "s\n\"", quoted,
+                                                                       "\"\n"},
+        {"json", "{\"s\":\"", "a,b\\\"c\\n", "\"}\n"},
+        {"tsv", "s\n", "a,b\"c\\n", "\n"}}) {
+    SCOPED_TRACE(format);
+    const ProcessResult r = client({"--quiet", "--format", format, "-e", query});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const size_t copies = size_t{1} << 21;  // 12 MiB of text
+    ASSERT_EQ(r.out.size(), head.size() + copies * expected_piece.size() + tail.size());
+    EXPECT_EQ(r.out.substr(0, head.size()), head);
+    EXPECT_EQ(r.out.substr(r.out.size() - tail.size()), tail);
+    bool whole = true;
+    for (size_t k = 0; k < copies && whole; ++k)
+      whole = r.out.compare(head.size() + k * expected_piece.size(), expected_piece.size(),
+                            expected_piece) == 0;
+    EXPECT_TRUE(whole);
+  }
+}
+
+// --format is checked, -o is not; --timing and --quiet on standard error; settings from a file.
+TEST_F(ClientE2E, FormatOptionsAsAUserMeetsThem) {
+  start();
+  const ProcessResult bogus = client({"--format", "bogus", "-e", "Array([i=1])"});
+  EXPECT_EQ(bogus.status, -1);
+  EXPECT_EQ(bogus.out, "");
+  EXPECT_EQ(bogus.err,
+            "Error: unknown format 'bogus' (formats: ascii, unicode, raw, html, csv, tsv, json, "
+            "markdown, vertical)\n");
+
+  const ProcessResult o_csv = client({"-o", "csv", "-e", "Array([i=1])"});
+  EXPECT_EQ(o_csv.status, 0);
+  EXPECT_EQ(o_csv.out,
+            "+-----------+\n|i          |\n|sint       |\n+-----------+\n|          0|\n"
+            "+-----------+\n(1 row)\n");
+
+  const ProcessResult timed =
+      client({"--timing", "--quiet", "--format", "csv", "-e", "Array([i=3]); Array([j=1])"});
+  EXPECT_EQ(timed.status, 0);
+  EXPECT_EQ(timed.out, "i\n0\n1\n2\nj\n0\n");
+  EXPECT_TRUE(std::regex_match(timed.err, std::regex("Time: [0-9]+\\.[0-9]{3} ms, 3 rows\n"
+                                                     "Time: [0-9]+\\.[0-9]{3} ms, 1 row\n")))
+      << timed.err;
+
+  // The same from a settings file; the command line wins over it.
+  const std::string conf =
+      write("formats.conf", "[client]\nformat = tsv\nnull = NA\ntiming = no\nquiet = yes\n");
+  const char* const query = "Project(Array([i=2]), [n = nullif(i, 0)])";
+  const ProcessResult from_file = client({"-c", conf, "-e", query});
+  EXPECT_EQ(from_file.out, "n\nNA\n1\n");
+  // The settings file is read before its quiet setting is known; nothing below warn follows.
+  EXPECT_THAT(from_file.err, HasSubstr("Reading configuration from"));
+  EXPECT_THAT(from_file.err, testing::Not(HasSubstr("Starting")));
+  const ProcessResult over = client({"-c", conf, "-r", "--null", "-", "-e", query});
+  EXPECT_EQ(over.out, "-\n1\n");
 }
 
 }  // namespace

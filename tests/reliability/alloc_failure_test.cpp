@@ -158,6 +158,14 @@ TEST(AllocFailureDeathTest, EveryAllocationOfReceptionAndSplitting) {
              data(0);
          receive_stream(stream, OutputMode::kUnicode);
        }},
+      // The same as json lines: the printer works out its keys before it prints.
+      {"result json",
+       [] {
+         static const std::string stream =
+             ack(4, {{"i", "int", "sint"}, {"s", "varchar(10)", "str"}}) +
+             data(2, be32(7) + be32(8) + var("hi") + var("")) + data(0);
+         receive_stream(stream, OutputMode::kJson);
+       }},
       {"error acknowledgement",
        [] {
          static const std::string stream = error_record(3, {"table", "t1"});

@@ -163,4 +163,105 @@ TEST(ClientRunDeathTest, UnreadableStandardInputFailsTheRun) {
   std::filesystem::remove(path);
 }
 
+// The output settings as the command line and a settings file below it leave them: a format,
+// when set, wins over output_mode; a classic output option takes back a format below it; the last
+// output option of the command line counts.
+TEST(ClientOutputSettings, CommandLineOverSettingsFile) {
+  const struct {
+    std::vector<std::string> args;
+    const char* settings;  // the [client] section of a settings file
+    OutputMode mode;
+    const char* null_text;
+    bool header, timing, quiet;
+  } cases[] = {
+      {{}, "", OutputMode::kAscii, nullptr, true, false, false},
+      {{"--format", "json"}, "", OutputMode::kJson, nullptr, true, false, false},
+      {{"--format=html"}, "", OutputMode::kHtml, nullptr, true, false, false},
+      {{"-o", "html", "--format", "csv"}, "", OutputMode::kCsv, nullptr, true, false, false},
+      {{"--format", "csv", "-r"}, "", OutputMode::kRaw, nullptr, true, false, false},
+      {{"--format", "csv", "-o", "CSV"}, "", OutputMode::kAscii, nullptr, true, false, false},
+      {{},
+       "format = vertical\noutput_mode = raw",
+       OutputMode::kVertical,
+       nullptr,
+       true,
+       false,
+       false},
+      {{"-u"}, "format = tsv", OutputMode::kUnicode, nullptr, true, false, false},
+      {{"--format", "markdown"},
+       "format = tsv",
+       OutputMode::kMarkdown,
+       nullptr,
+       true,
+       false,
+       false},
+      {{}, "null = NA\ntiming = yes\nquiet = on", OutputMode::kAscii, "NA", true, true, true},
+      {{"--null", "", "--no-header", "--timing", "--quiet"},
+       "null = NA",
+       OutputMode::kAscii,
+       "",
+       false,
+       true,
+       true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args) + " over " + c.settings);
+    Scan s(c.args);
+    ASSERT_EQ(s.outcome, OptionsOutcome::kRun) << s.err;
+    EXPECT_EQ(znconfig_parse_config(s.run.config->parent,
+                                    ("[client]\n" + std::string(c.settings)).c_str(), 0),
+              0);
+    OutputSettings settings;
+    ASSERT_TRUE(client_output_settings(s.run, &settings));
+    EXPECT_EQ(settings.mode, c.mode);
+    EXPECT_EQ(settings.print.null_text ? settings.print.null_text : "(none)",
+              std::string(c.null_text ? c.null_text : "(none)"));
+    EXPECT_EQ(settings.print.header, c.header);
+    EXPECT_EQ(settings.timing, c.timing);
+    EXPECT_EQ(settings.quiet, c.quiet);
+  }
+}
+
+// Unlike -o, a format name is checked: on the command line when scanned (nothing after it is
+// looked at), in a settings file when the settings are read.
+TEST(ClientOutputSettings, UnknownFormatIsRefusedWithTheNames) {
+  const std::string refusal =
+      "Error: unknown format 'CSV' (formats: ascii, unicode, raw, html, csv, tsv, json, markdown, "
+      "vertical)\n";
+  Scan bad({"--format", "CSV", "-P", "70000"});
+  EXPECT_EQ(bad.outcome, OptionsOutcome::kExitFailed);
+  EXPECT_EQ(bad.err, refusal);  // -P never scanned
+  EXPECT_EQ(bad.out, "");
+
+  Scan s({});
+  znconfig_parse_config(s.run.config->parent, "[client]\nformat = CSV\n", 0);
+  OutputSettings settings;
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(client_output_settings(s.run, &settings));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), refusal);
+}
+
+// --quiet is looked for before the store exists, with the scan's own rules.
+TEST(ClientOptions, QuietIsFoundWhereTheScanReachesIt) {
+  const struct {
+    std::vector<std::string> args;
+    bool quiet;
+  } cases[] = {
+      {{"--quiet"}, true},        {{"-f", "missing.txt", "--timing", "-pi", "--quiet"}, true},
+      {{"-e", "--quiet"}, false},  // the value of -e
+      {{"-x", "--quiet"}, false},  // the scan stops at a refused option
+      {{"-v", "--quiet"}, false},  // and at -v
+      {{"--quiet=1"}, false},      // refused: it takes no value
+      {{"--quieter"}, false},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> args = c.args;
+    args.insert(args.begin(), "kest_client");
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    EXPECT_EQ(client_quiet_requested(static_cast<int>(argv.size()), argv.data()), c.quiet)
+        << testing::PrintToString(c.args);
+  }
+}
+
 }  // namespace

@@ -211,6 +211,38 @@ TEST_F(Session, AfterAResetEveryQueryFailsWithoutTouchingTheSocket) {
   EXPECT_TRUE(peer.join());
 }
 
+// The rows of the last query run are counted, those before a failure too: --timing shows them.
+TEST_F(Session, RowsOfTheLastQueryAreCounted) {
+  using kest_test::ack;
+  using kest_test::data;
+  const std::string head = ack(4, {{"i", "int", "sint"}});
+  ScriptedPeer peer;
+  peer.read_frame().send(head + data(2, be32(1) + be32(2)) + data(1, be32(3)) + data(0));
+  peer.read_frame().send(head + data(4, be32(1) + be32(2) + be32(3) + be32(4)) +
+                         kest_test::error_record(3, {"x"}));
+  peer.read_frame().send(kest_test::error_record(3, {"y"}));
+  peer.start();
+  types_init();
+  ClientConnection* connection = client_connect("127.0.0.1", peer.port(), 1);
+  ASSERT_NE(connection, nullptr);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(run_query(connection, "a"), 0);
+  EXPECT_EQ(connection->rows, 3);
+  EXPECT_EQ(run_query(connection, "b"), -1);
+  EXPECT_EQ(connection->rows, 4);
+  EXPECT_EQ(run_query(connection, "c"), -1);
+  EXPECT_EQ(connection->rows, 0);
+  testing::internal::GetCapturedStdout();
+  client_disconnect(connection);
+  EXPECT_TRUE(peer.join());
+}
+
+TEST(SessionTiming, LineFormat) {
+  EXPECT_EQ(timing_line(12.3456, 3), "Time: 12.346 ms, 3 rows\n");
+  EXPECT_EQ(timing_line(0.0004, 1), "Time: 0.000 ms, 1 row\n");
+  EXPECT_EQ(timing_line(61234.5, 0), "Time: 61234.500 ms, 0 rows\n");
+}
+
 }  // namespace
 
 namespace {

@@ -92,6 +92,39 @@ TEST_F(Logger, WithoutConfigurationInfoAndAboveGoToStandardError) {
   EXPECT_EQ(out_.text(), "");
 }
 
+// A program's default level (kest_client --quiet sets warn) replaces info where the configuration
+// text names no level: set before the logger configures itself or after, the rules come out the
+// same; a level the text names is kept.
+TEST_F(Logger, ProgramDefaultLevelYieldsToLevelsTheTextNames) {
+  const struct {
+    const char* text;
+    const char* expected;
+  } cases[] = {
+      {"", "# WARN:A:w\n# WARN:B:w\n"},
+      {"default = info", "# WARN:A:w\n#A:i\n# WARN:B:w\n#B:i\n"},
+      {"default = stderr", "# WARN:A:w\n# WARN:B:w\n"},  // an output, no level
+      {"B = debug", "# WARN:A:w\n# WARN:B:w\n#B:i\n#B:d\n"},
+      // B's rule starts from the default as it stands when B is read.
+      {"B = stderr\ndefault = info", "# WARN:A:w\n#A:i\n# WARN:B:w\n"},
+  };
+  for (const auto& c : cases) {
+    for (const bool after_first_message : {false, true}) {
+      SCOPED_TRACE(testing::Message() << c.text << (after_first_message ? ", after" : ", before"));
+      zn_log_set_default_level(after_first_message ? ZN_INFO : ZN_WARN);
+      configure(c.text);
+      if (after_first_message) zn_log_set_default_level(ZN_WARN);
+      const size_t start = err_.text().size();
+      for (const char* facility : {"A", "B"}) {
+        __zn_log("f.cpp", 1, facility, ZN_WARN, "w");
+        __zn_log("f.cpp", 1, facility, ZN_INFO, "i");
+        __zn_log("f.cpp", 1, facility, ZN_DEBUG, "d");
+      }
+      zn_log_set_default_level(ZN_INFO);
+      EXPECT_EQ(err_.text().substr(start), c.expected);
+    }
+  }
+}
+
 TEST_F(Logger, DefaultDebugToStdoutUsesTheBuiltinStdoutStyle) {
   configure("default = debug:stdout");
   __zn_log("f.cpp", 1, "NETBUFFER", ZN_DEBUG, "d");

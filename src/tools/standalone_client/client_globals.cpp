@@ -2,4 +2,5 @@
 
 int print_results = 1;
 OutputMode output_mode_code = OutputMode::kAscii;
+PrintOptions print_options;
 ConfigLayer* client_config = nullptr;

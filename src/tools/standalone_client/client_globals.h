@@ -10,5 +10,7 @@ struct ConfigLayer;
 extern int print_results;
 // The output mode (codes 0 ascii, 1 unicode, 2 raw, 3 html); set once after option scanning.
 extern OutputMode output_mode_code;
+// How nulls and headers print; set once after option scanning.
+extern PrintOptions print_options;
 // The configuration store (its "cmdline" layer), created first by the run driver.
 extern ConfigLayer* client_config;

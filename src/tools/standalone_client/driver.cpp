@@ -1,10 +1,14 @@
 #include "tools/standalone_client/driver.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "kernel/ltype.h"
 #include "tools/standalone_client/client_globals.h"
+#include "tools/standalone_client/connection.h"
+#include "tools/standalone_client/formats.h"
 #include "tools/standalone_client/options.h"
 #include "tools/standalone_client/session.h"
 #include "tools/standalone_client/split_query.h"
@@ -21,8 +25,11 @@ constexpr const char* kFacility = "KESTCLIENT";
 constexpr const char* kPingQuery = "Array([i=0])";
 constexpr int kClient = ZNCONFIG_GROUP_CLIENT;
 
+// A classic output option also takes back a --format (or a settings file's format) below it, so
+// that the last output option of the command line counts.
 void set_output_mode(ConfigLayer* config, const char* mode) {
   znconfig_set_str(config, kClient, ZNCONFIG_CLIENT_OUTPUT_MODE, mode);
+  znconfig_set_str(config, kClient, ZNCONFIG_CLIENT_FORMAT, "");
 }
 
 // Some systems open a directory for reading and only fail its first read: it is refused here,
@@ -98,22 +105,60 @@ bool act(int letter, const char* value, int argc, char** argv, ClientRun* run,
   }
 }
 
-// The client's own long options, beyond the classic table.
+// Ids of the client's own long options.
 enum ExtendedId : int {
+  // Session.
   kOptTimeout = 1,
+  // Output: formats and what goes with them.
+  kOptFormat = 20,
+  kOptNull = 21,
+  kOptNoHeader = 22,
+  kOptQuiet = 23,
+  kOptTiming = 24,
 };
 
+// The client's own long options, beyond the classic table.
 constexpr ExtendedOption kExtendedOptions[] = {
-    {"timeout", 1, kOptTimeout},
+    {"timeout", 1, kOptTimeout}, {"format", 1, kOptFormat}, {"null", 1, kOptNull},
+    {"no-header", 0, kOptNoHeader}, {"quiet", 0, kOptQuiet}, {"timing", 0, kOptTiming},
     {nullptr, 0, 0},
 };
 
+// The mode `name` stands for; an unknown name is refused on standard error.
+std::optional<OutputMode> checked_format(const char* name) {
+  const std::optional<OutputMode> mode = output_mode_by_name(name);
+  if (!mode) {
+    std::fprintf(stderr, "Error: unknown format '%s' (formats: %.*s)\n", name,
+                 static_cast<int>(kOutputModeNames.size()), kOutputModeNames.data());
+  }
+  return mode;
+}
+
 // Acts on one extended option; false when the run must end (the outcome is then in *end).
 bool act_extended(int id, const char* value, ClientRun* run, OptionsOutcome* end) {
-  (void)end;
+  ConfigLayer* config = run->config;
   switch (id) {
     case kOptTimeout:
-      znconfig_set_by_id(run->config, kClient, ZNCONFIG_CLIENT_TIMEOUT, value);
+      znconfig_set_by_id(config, kClient, ZNCONFIG_CLIENT_TIMEOUT, value);
+      return true;
+    case kOptFormat:
+      if (!checked_format(value)) {
+        *end = OptionsOutcome::kExitFailed;
+        return false;
+      }
+      znconfig_set_str(config, kClient, ZNCONFIG_CLIENT_FORMAT, value);
+      return true;
+    case kOptNull:
+      znconfig_set_str(config, kClient, ZNCONFIG_CLIENT_NULL, value);
+      return true;
+    case kOptNoHeader:
+      run->no_header = true;
+      return true;
+    case kOptQuiet:
+      znconfig_set_by_id(config, kClient, ZNCONFIG_CLIENT_QUIET, "true");
+      return true;
+    case kOptTiming:
+      znconfig_set_by_id(config, kClient, ZNCONFIG_CLIENT_TIMING, "true");
       return true;
     default:
       return true;
@@ -145,11 +190,17 @@ struct SplitterOwner {
 
 // Runs the queries in turn; the status of the last one run (0 when there was none). Stops at
 // the first failure unless errors are ignored.
-int run_all(ClientConnection* connection, QuerySplitter* qs, bool ignore_errors) {
+int run_all(ClientConnection* connection, QuerySplitter* qs, const ClientRun& run) {
   int status = 0;
   while (const char* query = query_splitter_next(qs)) {
+    const auto start = std::chrono::steady_clock::now();
     status = run_query(connection, query);
-    if (status != 0 && !ignore_errors) break;
+    if (run.timing) {
+      const std::chrono::duration<double, std::milli> took =
+          std::chrono::steady_clock::now() - start;
+      std::fputs(timing_line(took.count(), connection->rows).c_str(), stderr);
+    }
+    if (status != 0 && !run.ignore_errors) break;
   }
   return status;
 }
@@ -169,7 +220,7 @@ int run_queries(ClientRun* run) {
   ClientConnection* connection = client_connect(host, port, tries);
   if (!connection) return -1;
   session_set_timeout(connection, znconfig_get_dbl(run->config, kClient, ZNCONFIG_CLIENT_TIMEOUT));
-  const int status = run_all(connection, splitter.qs, run->ignore_errors);
+  const int status = run_all(connection, splitter.qs, *run);
   client_disconnect(connection);
   return report_read_error(*run, splitter.qs) ? -1 : status;
 }
@@ -195,7 +246,7 @@ OptionsOutcome client_scan_options(int argc, char** argv, ClientRun* run) {
   for (;;) {
     const char* value = nullptr;
     const int id = get_extended_option(&cursor, argc, argv, kExtendedOptions, &value);
-    if (id > 0) {
+    if (id > 0 && id != GET_OPTION_REFUSED) {  // a refusal consumed nothing: the usage text
       if (!act_extended(id, value, run, &end)) return end;
       continue;
     }
@@ -205,6 +256,37 @@ OptionsOutcome client_scan_options(int argc, char** argv, ClientRun* run) {
     if (letter == GET_OPTION_END) return OptionsOutcome::kRun;
     if (!act(letter, value, argc, argv, run, &end)) return end;
   }
+}
+
+bool client_quiet_requested(int argc, char** argv) {
+  OptionCursor cursor;
+  for (;;) {
+    const char* value = nullptr;
+    const int id = get_extended_option(&cursor, argc, argv, kExtendedOptions, &value);
+    if (id == kOptQuiet) return true;
+    if (id == GET_OPTION_REFUSED) return false;
+    if (id > 0) continue;
+    const int letter = get_option(&cursor, argc, argv, kest_client_options, &value);
+    if (letter == GET_OPTION_END || letter == GET_OPTION_REFUSED || letter == 'v') return false;
+  }
+}
+
+bool client_output_settings(const ClientRun& run, OutputSettings* settings) {
+  ConfigLayer* config = run.config;
+  const char* format = znconfig_get_str(config, kClient, ZNCONFIG_CLIENT_FORMAT);
+  if (format != nullptr && format[0] != '\0') {
+    const std::optional<OutputMode> mode = checked_format(format);
+    if (!mode) return false;
+    settings->mode = *mode;
+  } else {
+    settings->mode =
+        client_output_mode_code(znconfig_get_str(config, kClient, ZNCONFIG_CLIENT_OUTPUT_MODE));
+  }
+  settings->print.null_text = znconfig_get_str(config, kClient, ZNCONFIG_CLIENT_NULL);
+  settings->print.header = !run.no_header;
+  settings->timing = znconfig_get_bool(config, kClient, ZNCONFIG_CLIENT_TIMING) != 0;
+  settings->quiet = znconfig_get_bool(config, kClient, ZNCONFIG_CLIENT_QUIET) != 0;
+  return true;
 }
 
 OutputMode client_output_mode_code(const char* mode) {
@@ -221,6 +303,8 @@ void client_run_close_file(ClientRun* run) {
 }
 
 int kest_client_main(int argc, char** argv) {
+  // Before anything can log (the settings files are read when the store is made).
+  if (client_quiet_requested(argc, argv)) zn_log_set_default_level(ZN_WARN);
   ClientRun run;
   run.config = znconfig_create();
   StoreOwner store{run.config};
@@ -237,6 +321,14 @@ int kest_client_main(int argc, char** argv) {
     case OptionsOutcome::kRun:
       break;
   }
+  OutputSettings settings;
+  if (!client_output_settings(run, &settings)) return -1;
+  // A quiet setting from a settings file: its "Reading configuration" line has been logged.
+  if (settings.quiet) zn_log_set_default_level(ZN_WARN);
+  run.timing = settings.timing;
+  print_options = settings.print;
+  // The data formats write the same bytes everywhere: no CR before the line feeds on Windows.
+  if (settings.mode >= OutputMode::kCsv) stdout_set_binary();
 
   // The printer gathers whole blocks itself: a second buffer in the C stream would only copy
   // them again and cut them into its own block size. Text printed directly ("Error: ...") then
@@ -248,7 +340,6 @@ int kest_client_main(int argc, char** argv) {
     ZN_LOG(kFacility, ZN_INFO, "Pinging server");
     run.query = kPingQuery;
   }
-  output_mode_code =
-      client_output_mode_code(znconfig_get_str(run.config, kClient, ZNCONFIG_CLIENT_OUTPUT_MODE));
+  output_mode_code = settings.mode;
   return run_queries(&run);
 }

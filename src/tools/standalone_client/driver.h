@@ -17,6 +17,16 @@ struct ClientRun {
   bool ping = false;              // -p
   // The -f file's name as given (points into argv), for its messages.
   const char* file_name = nullptr;
+  bool no_header = false;         // --no-header
+  bool timing = false;            // the timing setting (--timing), read after the scan
+};
+
+// The output settings, read once from the merged store after the options.
+struct OutputSettings {
+  OutputMode mode = OutputMode::kAscii;
+  PrintOptions print;  // null_text points into the store
+  bool timing = false;
+  bool quiet = false;
 };
 
 enum class OptionsOutcome {
@@ -31,6 +41,17 @@ enum class OptionsOutcome {
 // sets run->query, run->ping (clearing print_results), run->ignore_errors. -v prints the version
 // and stops at once; a refused option prints the usage text. REQUIRES: run->config is set.
 OptionsOutcome client_scan_options(int argc, char** argv, ClientRun* run);
+
+// Whether the options hold --quiet where the scan reaches it (it stops at a refused option and at
+// -v), looked at before the store is made so that nothing is logged below warn level. Acts on
+// nothing.
+bool client_quiet_requested(int argc, char** argv);
+
+// Reads client.format, output_mode, null, timing and quiet from the store (command line above
+// settings files), and --no-header from `run`. A format that is set and not empty wins over
+// output_mode (a classic output option sets it empty); a name that is no format is refused with
+// "Error: unknown format 'NAME' (formats: ascii, ...)" on standard error and false.
+bool client_output_settings(const ClientRun& run, OutputSettings* settings);
 
 // The mode an output_mode text names: exactly "html", "raw" or "unicode" (case matters), and
 // ascii for anything else, null included.

@@ -39,7 +39,7 @@ int get_option(OptionCursor* cursor, int argc, char** argv, const LongOption* ta
 struct ExtendedOption {
   const char* name;
   int has_arg;  // 1: takes a value
-  int id;       // what get_extended_option returns; > 0
+  int id;       // what get_extended_option returns; > 0 and not GET_OPTION_REFUSED
 };
 // When the argument at `cursor` names an entry of `table` (ending with a null name), consumes it
 // and its value and returns the entry's id (`*optarg` the value or null); GET_OPTION_REFUSED when

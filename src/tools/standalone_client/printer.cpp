@@ -11,15 +11,12 @@
 #include <vector>
 
 #include "kernel/ltype.h"
+#include "tools/standalone_client/formats.h"
 #include "tools/standalone_client/out_buffer.h"
+#include "tools/standalone_client/printer_internal.h"
 #include "utils/kest_assert.h"
 
 namespace {
-
-// Glyphs by rule position: 0 the cell separator (also raw's value separator), 1 the horizontal
-// line, then the left corner, junction and right corner of the top (2-4), middle (5-7) and
-// bottom (8-10) rules. Rule k uses 2 + 3k, 3 + 3k and 4 + 3k.
-using LineGlyphs = std::array<std::string_view, 11>;
 
 constexpr LineGlyphs kAsciiGlyphs = {"|", "-", "+", "+", "+", "+", "+", "+", "+", "+", "+"};
 // UTF-8 bytes, whatever the console's code page.
@@ -37,28 +34,8 @@ constexpr LineGlyphs kUnicodeGlyphs = {
     "\xE2\x94\x98",  // U+2518
 };
 
-constexpr size_t kValueTextSize = 1024;
 constexpr int kTypeTextSize = 64;
 constexpr int kDefaultWidth = 24;
-constexpr int kMaxWidth = 128;
-// Texts up to this length are aligned by fixed-size moves.
-constexpr size_t kShortText = 32;
-// Room for one cell in any mode: its text, a full width of blanks (written whole by the aligners),
-// a short text moved past them, the 8-byte separator block, and html's tags.
-constexpr size_t kCellRoom = kValueTextSize + kMaxWidth + kShortText + 64;
-
-struct Column {
-  const PhysicalType* type;
-  uint32_t ltype;
-  ValueTextFn text;  // value_to_string for this column's types, chosen once
-  int32_t isconst;
-  int32_t width;      // display width in characters
-  int32_t size;       // bytes per stored value
-  int32_t hidden;     // the null indicator of the next column, never printed
-  int32_t indicator;  // index of this column's null indicator, or -1
-  int32_t indicator_const;
-  bool left;  // char and varchar: left-aligned, padded by characters
-};
 
 int display_width(const char* name, uint32_t ltype) {
   char text[kTypeTextSize];
@@ -73,6 +50,10 @@ bool is_text_type(uint32_t ltype) {
   const uint32_t id = ltype_id(ltype);
   return id == LTYPE_CHAR || id == LTYPE_VCHAR;
 }
+
+std::string_view rows_word(int64_t rows) { return rows == 1 ? "row" : "rows"; }
+
+}  // namespace
 
 // Characters of UTF-8 text as the table pads them: a byte below 128 is one character; a byte of
 // 128 or more also takes the next byte, and one more byte for each of the thresholds 224, 240,
@@ -98,34 +79,6 @@ size_t utf8_chars(const char* text, size_t len) {
   }
   return chars;
 }
-
-std::string_view rows_word(int64_t rows) { return rows == 1 ? "row" : "rows"; }
-
-}  // namespace
-
-// What one output mode prints at each step of a result.
-struct ModeOps {
-  void (*head)(ResultPrinter&, char* const* names);
-  void (*rows)(ResultPrinter&, void* const* data, const int32_t* selection, int64_t rows);
-  void (*footer)(ResultPrinter&);
-  const LineGlyphs* glyphs;
-  bool aligned;  // cells padded to the column widths, through the row's text slots
-};
-
-struct ResultPrinter {
-  ResultPrinter(FILE* stream, OutputMode mode);
-
-  std::vector<Column> columns;
-  std::vector<int32_t> visible;  // indexes of the printed columns, in order
-  // Table modes: the texts of one row, a kValueTextSize slot per visible column, and their lengths.
-  std::vector<char> slots;
-  std::vector<size_t> lengths;
-  char* slot(size_t k) { return slots.data() + k * kValueTextSize; }
-  int64_t rows = 0;
-  OutBuffer out;
-  const LineGlyphs* glyphs;
-  const ModeOps* ops;  // what the output mode prints, and how
-};
 
 namespace {
 
@@ -159,16 +112,19 @@ void setup_columns(ResultPrinter& p, int32_t ncols, char* const* names,
   return static_cast<size_t>(std::find(dst, dst + kValueTextSize - 1, '\0') - dst);
 }
 
+// The null text in a cell at `dst` (cut to the value buffer, as values are); its length.
+[[gnu::noinline]] size_t null_cell_text(const ResultPrinter& p, char* dst) {
+  const size_t n = std::min(p.null_text.size(), kValueTextSize - 1);
+  std::memcpy(dst, p.null_text.data(), n);
+  return n;
+}
+
 // Writes the text of a cell at `dst`, which has room for kValueTextSize bytes, and returns its
 // length. A text too long for the buffer is cut to what the conversion left in it.
-
-inline size_t cell_text(const Column& c, void* const* data, int64_t row, int32_t column,
-                        char* dst) {
-  if (c.indicator >= 0) {
-    const auto* flags = static_cast<const unsigned char*>(data[c.indicator]);
-    if (flags[c.indicator_const ? 0 : row] != 0) return 0;
-  }
-  const char* value = static_cast<const char*>(data[column]) + (c.isconst ? 0 : row * c.size);
+inline size_t cell_text(const ResultPrinter& p, const Column& c, void* const* data, int64_t row,
+                        int32_t column, char* dst) {
+  if (cell_is_null(c, data, row)) return null_cell_text(p, dst);
+  const char* value = cell_value(c, data, row, column);
   const int n = c.text(dst, kValueTextSize, c.type, c.ltype, value);
   if (n < 0 || static_cast<size_t>(n) >= kValueTextSize) return cut_text_length(dst);
   return static_cast<size_t>(n);
@@ -309,7 +265,7 @@ void print_table_rows(ResultPrinter& p, void* const* data, const int32_t* select
     const int64_t row = selection ? selection[r] : r;
     for (size_t k = 0; k < n; ++k) {
       const int32_t i = p.visible[k];
-      p.lengths[k] = cell_text(p.columns[i], data, row, i, p.slot(k));
+      p.lengths[k] = cell_text(p, p.columns[i], data, row, i, p.slot(k));
     }
     w = put(p.out.make_room(w, sizeof sep.bytes), sep);
     for (size_t k = 0; k < n; ++k) {
@@ -336,7 +292,7 @@ void print_raw_rows(ResultPrinter& p, void* const* data, const int32_t* selectio
     for (size_t k = 0; k < last; ++k) {
       const int32_t i = p.visible[k];
       w = p.out.make_room(w, kCellRoom);
-      w += cell_text(p.columns[i], data, row, i, w);
+      w += cell_text(p, p.columns[i], data, row, i, w);
       if (k + 1 < last) w = put(w, sep);
     }
     w = p.out.make_room(w, 1);
@@ -355,7 +311,7 @@ void print_html_rows(ResultPrinter& p, void* const* data, const int32_t* selecti
       const Column& c = p.columns[i];
       w = p.out.make_room(w, kCellRoom);
       w = c.left ? put(w, "<td>") : put(w, "<td align=\"right\">");
-      w += cell_text(c, data, row, i, w);
+      w += cell_text(p, c, data, row, i, w);
       w = put(w, "</td>");
     }
     w = put(p.out.make_room(w, kCellRoom), "</tr>");
@@ -396,6 +352,11 @@ constexpr ModeOps kModes[] = {
     {print_table_head, print_table_rows, print_table_footer, &kUnicodeGlyphs, true},
     {print_nothing, print_raw_rows, print_nothing, &kAsciiGlyphs, false},
     {print_html_head, print_html_rows, print_html_footer, &kAsciiGlyphs, false},
+    {csv_head, csv_rows, print_nothing, &kAsciiGlyphs, false},
+    {tsv_head, tsv_rows, print_nothing, &kAsciiGlyphs, false},
+    {json_head, json_rows, print_nothing, &kAsciiGlyphs, false},
+    {markdown_head, markdown_rows, print_nothing, &kAsciiGlyphs, false},
+    {vertical_head, vertical_rows, vertical_footer, &kAsciiGlyphs, false},
 };
 
 const ModeOps& mode_ops(OutputMode mode) {
@@ -405,20 +366,32 @@ const ModeOps& mode_ops(OutputMode mode) {
 
 }  // namespace
 
-ResultPrinter::ResultPrinter(FILE* stream, OutputMode mode)
-    : out(stream), glyphs(mode_ops(mode).glyphs), ops(&mode_ops(mode)) {}
+ResultPrinter::ResultPrinter(FILE* stream, OutputMode mode, const PrintOptions& options)
+    : out(stream),
+      glyphs(mode_ops(mode).glyphs),
+      ops(&mode_ops(mode)),
+      null_text(options.null_text ? options.null_text : ""),
+      has_null_text(options.null_text != nullptr),
+      header(options.header) {}
 
 ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
                             const PhysicalType* const* types, const uint32_t* ltypes,
                             const int32_t* isconst, OutputMode mode) {
+  return printer_open(stream, ncols, names, types, ltypes, isconst, mode, PrintOptions{});
+}
+
+ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
+                            const PhysicalType* const* types, const uint32_t* ltypes,
+                            const int32_t* isconst, OutputMode mode, const PrintOptions& options) {
   std::unique_ptr<ResultPrinter> p;
   try {
-    p = std::make_unique<ResultPrinter>(stream, mode);
+    p = std::make_unique<ResultPrinter>(stream, mode, options);
     setup_columns(*p, std::max(ncols, 0), names, types, ltypes, isconst);
+    // The data formats work out their column labels here, before they print anything.
+    p->ops->head(*p, names);
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
-  p->ops->head(*p, names);
   return p.release();
 }
 

@@ -1,7 +1,8 @@
-// The result printer: turns a streamed query result into an ascii or unicode table, raw values or
-// an html table on a stream: the head when the acknowledgement arrives, the rows of each data
-// message as it arrives, the footer with the row count at the end. The printer keeps no rows; its
-// memory does not grow with the result.
+// The result printer: turns a streamed query result into an ascii or unicode table, raw values,
+// an html table or one of the data formats (csv, tsv, json lines, markdown, vertical) on a stream:
+// the head when the acknowledgement arrives, the rows of each data message as it arrives, the
+// footer with the row count at the end. The printer keeps no rows; its memory does not grow with
+// the result.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +17,21 @@ enum class OutputMode : int {
   kUnicode = 1,  // a table ruled with box-drawing characters (UTF-8)
   kRaw = 2,      // bare values separated by "|", no head, no footer
   kHtml = 3,     // one table element
+  // The data formats (formats.h); values are never cut.
+  kCsv = 4,       // comma-separated values, quoted where needed
+  kTsv = 5,       // tab-separated values with backslash escapes
+  kJson = 6,      // one JSON object per row
+  kMarkdown = 7,  // a pipe table
+  kVertical = 8,  // one line per column, a record per row
+};
+
+// Choices beyond the mode.
+struct PrintOptions {
+  // How a null prints, written as given (json: as a JSON string); null for the mode's own: blank
+  // in the classic modes, csv, markdown and vertical, \N in tsv, null in json. The classic modes
+  // cut it to 1,023 bytes, as they cut values. Copied by printer_open.
+  const char* null_text = nullptr;
+  bool header = true;  // csv, tsv and markdown: false leaves out their header line(s)
 };
 
 // Prints the head and returns the printer, or null when memory runs out (nothing is printed).
@@ -31,6 +47,10 @@ enum class OutputMode : int {
 ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
                             const PhysicalType* const* types, const uint32_t* ltypes,
                             const int32_t* isconst, OutputMode mode);
+// The same with options (the call above takes the defaults).
+ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
+                            const PhysicalType* const* types, const uint32_t* ltypes,
+                            const int32_t* isconst, OutputMode mode, const PrintOptions& options);
 // Prints `rows` rows of one data message. `data` holds one data area per column (one value for a
 // constant column, else at least `rows` values, or as many as `selection` reaches); `selection`
 // (optional, may be null) lists the row indexes to print. A null printer prints nothing.

@@ -159,7 +159,7 @@ void receive_ack(QueryResult* result, NetBuffer* netbuf, QueryAck* ack) {
   if (print_results)
     queryres.printer =
         printer_open(queryres.out ? queryres.out : stdout, n, queryres.name, queryres.type,
-                     queryres.ltype, queryres.isconst, output_mode_code);
+                     queryres.ltype, queryres.isconst, output_mode_code, print_options);
 }
 
 int64_t decode_data(QueryResult* result, NetBuffer* netbuf, int64_t vector_size) {

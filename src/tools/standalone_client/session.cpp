@@ -145,7 +145,10 @@ int read_results(ClientConnection* connection) {
   for (;;) {
     if (receive_message(connection, "network error") < 0) return -1;
     const int64_t rows = receive_data(connection);
-    if (rows > 0) continue;
+    if (rows > 0) {
+      connection->rows += rows;
+      continue;
+    }
     if (rows == 0) return 0;
     switch (connection->result.failure) {
       case DataFailure::kServerError:
@@ -308,6 +311,7 @@ int run_query(ClientConnection* connection, const char* query) {
   last_cancelled = false;
   cancel_requested = 0;
   if (session_settle(connection) != 0) return -1;
+  connection->rows = 0;
   ZN_LOG(kFacility, ZN_INFO, "Sending query");
   if (send_query(connection, query) != 0) {
     ZN_LOG(kFacility, ZN_ERROR, "network error while sending query");
@@ -330,6 +334,13 @@ int run_query(ClientConnection* connection, const char* query) {
   else
     query_finish(&connection->result);
   return result;
+}
+
+std::string timing_line(double milliseconds, int64_t rows) {
+  char line[96];
+  std::snprintf(line, sizeof line, "Time: %.3f ms, %lld %s\n", milliseconds,
+                static_cast<long long>(rows), rows == 1 ? "row" : "rows");
+  return line;
 }
 
 void client_disconnect(ClientConnection* connection) {

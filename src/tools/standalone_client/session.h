@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 struct ClientConnection;  // connection.h
 
@@ -23,7 +24,12 @@ int32_t open_socket(uint32_t address, int64_t port, int64_t tries);
 // Sends `query` and reads its acknowledgement and results, printing them when print_results is
 // set. 0 when the results were read to their end, -1 otherwise (a server error is printed as
 // "Error: <message>" on standard output).
+// connection->rows counts the rows received for it, also when it failed.
 int run_query(ClientConnection* connection, const char* query);
+// The line --timing prints on standard error after each query: "Time: 12.345 ms, 3 rows\n" (the
+// wall time from sending the query to the end of its output, in milliseconds with three
+// decimals; "row" for one).
+std::string timing_line(double milliseconds, int64_t rows);
 // Closes the socket and frees the key and the record; null is ignored.
 void client_disconnect(ClientConnection* connection);
 

@@ -236,7 +236,8 @@ inline std::string check_receive(const uint8_t* data, size_t size, bool* skipped
   fuzz_init();
   if (skipped) *skipped = true;
   if (size < 2) return {};
-  const auto mode = static_cast<OutputMode>(data[0] & 3);
+  // Every output mode, the data formats (4 to 8) included; the seeds use 0 to 3.
+  const auto mode = static_cast<OutputMode>(data[0] % 9);
   const std::string_view stream(reinterpret_cast<const char*>(data) + 2, size - 2);
   const ReceiveRun whole = run_reception(stream, mode, false, 0);
   const ReceiveRun split = run_reception(stream, mode, true, data[1]);
