@@ -27,6 +27,8 @@ struct TxEntry {
 
 struct Logger {
   bool initialised = false;
+  bool configured = false;  // a configuration text was found
+  int default_level = -1;   // znlog_set_default_level's, or -1
   LogConfig config;
   std::FILE* file = nullptr;  // the opened log file, never closed but by a test reset
   Lock* output_lock = nullptr;
@@ -51,7 +53,10 @@ void initialise(const char* config_text, std::FILE* out, std::FILE* err) {
   // From here on a log call made while the configuration is read uses the built-in one.
   l.initialised = true;
 
-  LogConfig parsed = parse_log_config(config_text ? config_text : find_log_config_text().c_str());
+  const std::string found = config_text ? config_text : find_log_config_text();
+  l.configured = !found.empty();
+  LogConfig parsed = parse_log_config(found);
+  if (!l.configured && l.default_level >= 0) parsed.rules[0].level = l.default_level;
   if (parsed.error_line && out) {
     std::fprintf(out, "error parsing configuration logger at line %d\n", parsed.error_line);
   }
@@ -317,6 +322,12 @@ void zn_log_thread_set_txid(uint32_t thread_id, int64_t txid) {
 }
 
 int64_t zn_log_thread_get_txid(uint32_t thread_id) { return txid_of(ready_logger(), thread_id); }
+
+void znlog_set_default_level(int level) {
+  Logger& l = logger();
+  l.default_level = level;
+  if (l.initialised && !l.configured) l.config.rules[0].level = static_cast<uint32_t>(level);
+}
 
 void zn_log_reset_for_tests(const char* config_text, std::FILE* out, std::FILE* err) {
   Logger& l = logger();

@@ -76,6 +76,12 @@ void zn_log_thread_destroy(uint32_t thread_id);
 void zn_log_thread_set_txid(uint32_t thread_id, int64_t txid);
 int64_t zn_log_thread_get_txid(uint32_t thread_id);
 
+// The level of the default rule when no configuration text is found (ZNLOG, the files above):
+// a program that wants fewer lines than the built-in info level asks for them here. It applies
+// whether the logger configured itself before this call or does so at its first message later;
+// a configuration that was found always wins. Call it before other threads log.
+void znlog_set_default_level(int level);
+
 // For tests only: forgets the current configuration and transaction registry and initialises the
 // logger again from `config_text` (null: the environment search above), writing the standard
 // output and standard error outputs to `out` and `err` (null: the process's streams). The caller
