@@ -2,4 +2,5 @@
 
 int print_results = 1;
 OutputMode output_mode_code = OutputMode::kAscii;
+bool escape_control_chars = false;
 ConfigLayer* client_config = nullptr;

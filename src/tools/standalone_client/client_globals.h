@@ -10,5 +10,8 @@ struct ConfigLayer;
 extern int print_results;
 // The output mode (codes 0 ascii, 1 unicode, 2 raw, 3 html); set once after option scanning.
 extern OutputMode output_mode_code;
+// Set by the shell while results go to the terminal: the printer and the error lines show
+// control characters in the server's text escaped (terminal_text.h). Off in every classic run.
+extern bool escape_control_chars;
 // The configuration store (its "cmdline" layer), created first by the run driver.
 extern ConfigLayer* client_config;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kernel/ltype.h"
+#include "tools/standalone_client/client_globals.h"
 #include "tools/standalone_client/out_buffer.h"
 #include "utils/kest_assert.h"
 
@@ -414,6 +415,7 @@ ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
   std::unique_ptr<ResultPrinter> p;
   try {
     p = std::make_unique<ResultPrinter>(stream, mode);
+    if (escape_control_chars) p->out.escape_controls();
     setup_columns(*p, std::max(ncols, 0), names, types, ltypes, isconst);
   } catch (const std::bad_alloc&) {
     return nullptr;
