@@ -1,12 +1,14 @@
 #include "tools/standalone_client/driver.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "kernel/ltype.h"
 #include "tools/standalone_client/client_globals.h"
 #include "tools/standalone_client/options.h"
 #include "tools/standalone_client/session.h"
+#include "tools/standalone_client/shell.h"
 #include "tools/standalone_client/split_query.h"
 #include "utils/netbuffer.h"
 #include "utils/platform.h"
@@ -88,10 +90,12 @@ bool act(int letter, const char* value, int argc, char** argv, ClientRun* run,
 // The client's own long options, beyond the classic table.
 enum ExtendedId : int {
   kOptTimeout = 1,
+  kOptInteractive,
 };
 
 constexpr ExtendedOption kExtendedOptions[] = {
     {"timeout", 1, kOptTimeout},
+    {"interactive", 0, kOptInteractive},
     {nullptr, 0, 0},
 };
 
@@ -101,6 +105,9 @@ bool act_extended(int id, const char* value, ClientRun* run, OptionsOutcome* end
   switch (id) {
     case kOptTimeout:
       znconfig_set_by_id(run->config, kClient, ZNCONFIG_CLIENT_TIMEOUT, value);
+      return true;
+    case kOptInteractive:
+      run->interactive = true;
       return true;
     default:
       return true;
@@ -130,13 +137,17 @@ int run_all(ClientConnection* connection, QuerySplitter* qs, bool ignore_errors)
   return status;
 }
 
+// The conversion tables and the network layer; false (logged) when the network cannot start.
+bool start_layers() {
+  types_init();
+  if (network_init() == 0) return true;
+  ZN_LOG(kFacility, ZN_ERROR, "cannot start the network layer");
+  return false;
+}
+
 // From the conversion tables to the last query. The splitter is freed before returning.
 int run_queries(ClientRun* run) {
-  types_init();
-  if (network_init() != 0) {
-    ZN_LOG(kFacility, ZN_ERROR, "cannot start the network layer");
-    return -1;
-  }
+  if (!start_layers()) return -1;
   SplitterOwner splitter{open_splitter(*run)};
   if (!splitter.qs) return -1;
   const int64_t tries = znconfig_get_lng(run->config, kClient, ZNCONFIG_CLIENT_CONNECTION_RETRIES);
@@ -148,6 +159,19 @@ int run_queries(ClientRun* run) {
   const int status = run_all(connection, splitter.qs, run->ignore_errors);
   client_disconnect(connection);
   return status;
+}
+
+int run_shell(const ClientRun& run) {
+  if (!start_layers()) return -1;
+  ShellOptions options;
+  options.host = znconfig_get_str(run.config, kClient, ZNCONFIG_CLIENT_HOST);
+  options.port = znconfig_get_lng(run.config, kClient, ZNCONFIG_CLIENT_PORT);
+  options.tries = znconfig_get_lng(run.config, kClient, ZNCONFIG_CLIENT_CONNECTION_RETRIES);
+  options.timeout = znconfig_get_dbl(run.config, kClient, ZNCONFIG_CLIENT_TIMEOUT);
+  options.timing = znconfig_get_bool(run.config, kClient, ZNCONFIG_CLIENT_TIMING);
+  const char* home = std::getenv("HOME");
+  shell_options_from_environment(&options, home && *home ? home : std::getenv("USERPROFILE"));
+  return shell_run(options);
 }
 
 struct StoreOwner {
@@ -191,6 +215,11 @@ OutputMode client_output_mode_code(const char* mode) {
   return OutputMode::kAscii;
 }
 
+bool client_wants_shell(const ClientRun& run, bool terminals) {
+  if (run.query || run.file || run.ping) return false;
+  return run.interactive || terminals;
+}
+
 void client_run_close_file(ClientRun* run) {
   if (run->file) std::fclose(run->file);
   run->file = nullptr;
@@ -214,6 +243,10 @@ int kest_client_main(int argc, char** argv) {
       break;
   }
 
+  const bool shell = client_wants_shell(run, stream_is_terminal(0) && stream_is_terminal(1));
+  // Between prompts only warnings and errors, unless a logger configuration asks for more.
+  if (shell) znlog_set_default_level(ZN_WARN);
+
   // The printer gathers whole blocks itself: a second buffer in the C stream would only copy
   // them again and cut them into its own block size. Text printed directly ("Error: ...") then
   // goes out at once, in order with the blocks.
@@ -226,5 +259,5 @@ int kest_client_main(int argc, char** argv) {
   }
   output_mode_code =
       client_output_mode_code(znconfig_get_str(run.config, kClient, ZNCONFIG_CLIENT_OUTPUT_MODE));
-  return run_queries(&run);
+  return shell ? run_shell(run) : run_queries(&run);
 }

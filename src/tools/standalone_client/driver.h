@@ -15,6 +15,7 @@ struct ClientRun {
   std::FILE* file = nullptr;      // the -f file; owned: closed by client_run_close_file
   bool ignore_errors = false;     // -i
   bool ping = false;              // -p
+  bool interactive = false;       // --interactive
 };
 
 enum class OptionsOutcome {
@@ -32,6 +33,11 @@ OptionsOutcome client_scan_options(int argc, char** argv, ClientRun* run);
 // The mode an output_mode text names: exactly "html", "raw" or "unicode" (case matters), and
 // ascii for anything else, null included.
 OutputMode client_output_mode_code(const char* mode);
+
+// True when the run is the interactive shell (shell.h): none of -e, -f and -p was given, and
+// either --interactive asks for it or standard input and output are both terminals
+// (`terminals`). Every other run is the classic one.
+bool client_wants_shell(const ClientRun& run, bool terminals);
 
 // Closes run->file if one is open.
 void client_run_close_file(ClientRun* run);
