@@ -92,6 +92,21 @@ TEST_F(Logger, WithoutConfigurationInfoAndAboveGoToStandardError) {
   EXPECT_EQ(out_.text(), "");
 }
 
+// A program's default level counts only where no configuration was found, whether the logger
+// configured itself before or after the call.
+TEST_F(Logger, ADefaultLevelAppliesOnlyWithoutConfiguration) {
+  configure("");
+  znlog_set_default_level(ZN_WARN);
+  __zn_log("f.cpp", 1, "KESTCLIENT", ZN_INFO, "Starting");
+  __zn_log("f.cpp", 2, "KESTCLIENT", ZN_WARN, "careful");
+  EXPECT_EQ(err_.text(), "# WARN:KESTCLIENT:careful\n");
+
+  configure("default = info:stderr");
+  znlog_set_default_level(ZN_ERROR);
+  __zn_log("f.cpp", 3, "KESTCLIENT", ZN_INFO, "kept");
+  EXPECT_EQ(err_.text(), "# WARN:KESTCLIENT:careful\n#KESTCLIENT:kept\n");
+}
+
 TEST_F(Logger, DefaultDebugToStdoutUsesTheBuiltinStdoutStyle) {
   configure("default = debug:stdout");
   __zn_log("f.cpp", 1, "NETBUFFER", ZN_DEBUG, "d");

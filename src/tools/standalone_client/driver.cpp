@@ -195,7 +195,9 @@ OptionsOutcome client_scan_options(int argc, char** argv, ClientRun* run) {
   for (;;) {
     const char* value = nullptr;
     const int id = get_extended_option(&cursor, argc, argv, kExtendedOptions, &value);
-    if (id > 0) {
+    // A refused extended option (a missing or unwanted value) consumed nothing: it must reach
+    // the usage text below, never act_extended, or the scan would meet it again for ever.
+    if (id > 0 && id != GET_OPTION_REFUSED) {
       if (!act_extended(id, value, run, &end)) return end;
       continue;
     }

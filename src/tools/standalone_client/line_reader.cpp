@@ -168,6 +168,8 @@ void line_reader_remember(LineReader* reader, std::string_view entry) {
 
 bool line_reader_edits(const LineReader* reader) { return reader->editor != nullptr; }
 
+bool line_reader_can_edit() { return kCanEdit; }
+
 std::vector<std::string> history_load(const std::string& path) {
   std::vector<std::string> entries;
   std::FILE* file = std::fopen(path.c_str(), "rb");

@@ -42,6 +42,8 @@ ReadStatus line_reader_read(LineReader* reader, const std::string& prompt, std::
 void line_reader_remember(LineReader* reader, std::string_view entry);
 // True when lines are edited with libedit.
 bool line_reader_edits(const LineReader* reader);
+// True when the build has line editing (libedit).
+bool line_reader_can_edit();
 
 // The history file: one entry per line, oldest first; a line end inside an entry is written as
 // the byte 0x01, which no typed line holds (the shell refuses control characters). Opening a

@@ -36,7 +36,8 @@ struct Shell {
   ClientConnection* connection = nullptr;  // owned
   LineReaderPtr reader;
   StatementBuffer buffer;
-  std::FILE* output = nullptr;  // \o FILE, owned; null: results go to the terminal
+  std::FILE* output = nullptr;            // \o FILE, owned; null: results go to the terminal
+  bool terminal = stream_is_terminal(1);  // results at the screen: escaped, maybe paged
   bool timing;
   bool pager;
   std::optional<OutputMode> before_vertical;  // the mode \x switches back to
@@ -84,7 +85,7 @@ void recover(Shell& s) {
 }
 
 std::FILE* open_pager(const Shell& s) {
-  if (!s.pager || s.output) return nullptr;
+  if (!s.pager || s.output || !s.terminal) return nullptr;
   std::fflush(stdout);
   std::FILE* pipe = platform_pipe_open(s.options.pager_command.c_str());
   if (!pipe) {
@@ -106,7 +107,7 @@ void close_pager(std::FILE* pipe) {
 void run_statement(Shell& s, const char* text) {
   if (!ready(s)) return;
   std::FILE* pager = open_pager(s);
-  escape_control_chars = s.output == nullptr;
+  escape_control_chars = s.output == nullptr && s.terminal;
   s.connection->result.out = s.output ? s.output : pager;
   const auto start = std::chrono::steady_clock::now();
   session_arm_cancel(true);
