@@ -6,7 +6,8 @@
 set -euo pipefail
 SUDO=""; [ "$(id -u)" -eq 0 ] || SUDO="sudo"
 export DEBIAN_FRONTEND=noninteractive
-packages=(cmake ninja-build g++ ccache)
+# libedit-dev: line editing in the client's shell (without it the shell reads plain lines).
+packages=(cmake ninja-build g++ ccache libedit-dev)
 if [ "${1:-all}" != demo ]; then
   packages+=(clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev
              g++-mingw-w64-x86-64-posix wine64 python3

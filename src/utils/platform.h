@@ -1,10 +1,11 @@
-// The platform layer: wall-clock time, sleeping, thread and process ids, locks, the console test,
-// virtual memory and random numbers. With the socket layer of the network buffer, the only place
-// that reaches the operating system.
+// The platform layer: wall-clock time, sleeping, thread and process ids, locks, the console and
+// terminal tests, interrupts, pipes to commands, virtual memory and random numbers. With the socket
+// layer of the network buffer, the only place that reaches the operating system.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 // The separator of path components when the runtime joins a directory and a file name.
 #ifdef _WIN32
@@ -45,6 +46,28 @@ bool stdout_is_console();
 // Standard output writes its bytes as given from here on: on Windows no line feed becomes CR LF
 // (binary mode); elsewhere there is nothing to change.
 void stdout_set_binary();
+// True when the standard stream `fd` (0 input, 1 output, 2 error) is an interactive terminal: a
+// console on Windows, a tty elsewhere. Unlike the console test above, the null device, files and
+// pipes are not terminals.
+bool stream_is_terminal(int fd);
+
+// Interrupts from the terminal (Ctrl-C; on Windows Ctrl-Break too). While watched they no longer
+// end the process: each one adds to a count and calls `notify` (when not null), which runs in a
+// signal handler or, on Windows, on a thread of the console's: it may only set flags. A blocking
+// read or wait of the process is interrupted by one (it is not restarted). Not watched again:
+// the system's default comes back.
+using InterruptNotify = void (*)();
+void platform_watch_interrupts(bool watch, InterruptNotify notify);
+// Interrupts seen while watched, since the process started.
+uint32_t platform_interrupt_count();
+// A write to a pipe whose reader has gone: while watched it calls `notify` (as above) and the
+// write fails, instead of the process ending (POSIX SIGPIPE). Windows has nothing to watch.
+void platform_watch_broken_pipe(bool watch, InterruptNotify notify);
+// A command line run by the system's shell with a pipe to its standard input (text written to
+// the stream reaches it), or null; closed with platform_pipe_close, which waits for the command
+// to end and returns its status (-1 when it cannot be told).
+std::FILE* platform_pipe_open(const char* command);
+int platform_pipe_close(std::FILE* pipe);
 
 // A recursive mutual-exclusion lock (as critical sections are). Create returns null on failure.
 struct Lock;

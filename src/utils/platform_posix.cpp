@@ -1,12 +1,15 @@
 // The platform layer on POSIX systems: the clock through gmtime_r, pthread recursive mutexes and
 // virtual memory through mmap, mprotect and madvise.
 #include <pthread.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -52,6 +55,59 @@ bool stdout_is_console() {
 }
 
 void stdout_set_binary() {}
+
+bool stream_is_terminal(int fd) { return isatty(fd) == 1; }
+
+namespace {
+
+std::atomic<uint32_t> interrupts{0};
+// Read in the handlers; set before they are installed.
+std::atomic<InterruptNotify> interrupt_notify{nullptr};
+std::atomic<InterruptNotify> broken_pipe_notify{nullptr};
+static_assert(std::atomic<uint32_t>::is_always_lock_free &&
+                  std::atomic<InterruptNotify>::is_always_lock_free,
+              "signal handlers may only touch lock-free atomics");
+
+void on_interrupt(int) {
+  interrupts.fetch_add(1, std::memory_order_relaxed);
+  if (InterruptNotify notify = interrupt_notify.load()) notify();
+}
+
+void on_broken_pipe(int) {
+  if (InterruptNotify notify = broken_pipe_notify.load()) notify();
+}
+
+// No SA_RESTART: the blocking read or wait that the signal meets returns EINTR, so that its
+// caller looks at what the signal asked for.
+void watch_signal(int signo, bool watch, void (*handler)(int)) {
+  struct sigaction action {};
+  sigemptyset(&action.sa_mask);
+  action.sa_handler = watch ? handler : SIG_DFL;
+  action.sa_flags = 0;
+  sigaction(signo, &action, nullptr);
+}
+
+}  // namespace
+
+void platform_watch_interrupts(bool watch, InterruptNotify notify) {
+  interrupt_notify.store(watch ? notify : nullptr);
+  watch_signal(SIGINT, watch, on_interrupt);
+}
+
+uint32_t platform_interrupt_count() { return interrupts.load(std::memory_order_relaxed); }
+
+void platform_watch_broken_pipe(bool watch, InterruptNotify notify) {
+  broken_pipe_notify.store(watch ? notify : nullptr);
+  watch_signal(SIGPIPE, watch, on_broken_pipe);
+}
+
+std::FILE* platform_pipe_open(const char* command) { return popen(command, "w"); }
+
+int platform_pipe_close(std::FILE* pipe) {
+  const int status = pclose(pipe);
+  if (status == -1 || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status);
+}
 
 int platform_setenv(const char* name, const char* value) {
   return value ? setenv(name, value, 1) : unsetenv(name);

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 #include <windows.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -49,6 +50,42 @@ void stdout_set_binary() {
   std::fflush(stdout);
   _setmode(1, _O_BINARY);
 }
+
+bool stream_is_terminal(int fd) {
+  // A console handle answers GetConsoleMode; a file, a pipe or NUL does not.
+  const HANDLE handle = reinterpret_cast<HANDLE>(_get_osfhandle(fd));
+  DWORD mode = 0;
+  return handle != INVALID_HANDLE_VALUE && GetConsoleMode(handle, &mode) != 0;
+}
+
+namespace {
+
+std::atomic<uint32_t> interrupts{0};
+std::atomic<InterruptNotify> interrupt_notify{nullptr};
+
+// Runs on a thread the console starts for the event. TRUE: handled, the process goes on.
+BOOL WINAPI on_console_event(DWORD event) {
+  if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) return FALSE;
+  interrupts.fetch_add(1);
+  if (InterruptNotify notify = interrupt_notify.load()) notify();
+  return TRUE;
+}
+
+}  // namespace
+
+void platform_watch_interrupts(bool watch, InterruptNotify notify) {
+  interrupt_notify.store(watch ? notify : nullptr);
+  SetConsoleCtrlHandler(on_console_event, watch ? TRUE : FALSE);
+}
+
+uint32_t platform_interrupt_count() { return interrupts.load(); }
+
+// A write to a pipe whose reader has gone only fails here; there is no signal to watch.
+void platform_watch_broken_pipe(bool, InterruptNotify) {}
+
+std::FILE* platform_pipe_open(const char* command) { return _popen(command, "w"); }
+
+int platform_pipe_close(std::FILE* pipe) { return _pclose(pipe); }
 
 int platform_setenv(const char* name, const char* value) {
   return _putenv_s(name, value ? value : "");

@@ -264,4 +264,37 @@ TEST(ClientOptions, QuietIsFoundWhereTheScanReachesIt) {
   }
 }
 
+// The shell runs without -e, -f and -p, at a terminal or when --interactive asks for it; the
+// options that name the queries always mean the classic run.
+TEST(ClientOptions, WhenTheShellRuns) {
+  const auto query = temp_file("Array([i=0]);\n");
+  const struct {
+    std::vector<std::string> args;
+    bool at_terminal, over_pipes;  // client_wants_shell with and without terminals
+  } cases[] = {
+      {{}, true, false},
+      {{"--interactive"}, true, true},
+      {{"-r", "--interactive", "-P", "5000"}, true, true},
+      {{"-e", "q"}, false, false},
+      {{"--interactive", "-e", "q"}, false, false},
+      {{"-p"}, false, false},
+      {{"--interactive", "-p"}, false, false},
+      {{"-f", query.string()}, false, false},
+      {{"--interactive", "-f", query.string()}, false, false},
+      {{"-i", "-u"}, true, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    Scan s(c.args);
+    ASSERT_EQ(s.outcome, OptionsOutcome::kRun);
+    EXPECT_EQ(client_wants_shell(s.run, true), c.at_terminal);
+    EXPECT_EQ(client_wants_shell(s.run, false), c.over_pipes);
+  }
+  std::filesystem::remove(query);
+  // A long option without a value takes none; a short form does not exist.
+  EXPECT_EQ(Scan({"--interactive=1"}).outcome, OptionsOutcome::kExitFailed);
+  EXPECT_EQ(Scan({"--interactiv"}).outcome, OptionsOutcome::kExitFailed);
+  EXPECT_EQ(Scan({"--timeout"}).outcome, OptionsOutcome::kExitFailed);  // its value is missing
+}
+
 }  // namespace

@@ -53,4 +53,27 @@ TEST(OutBuffer, WritesWholeBlocksAndKeepsTheOrderOfEveryAppend) {
   EXPECT_TRUE(sink.contents() == expected);
 }
 
+// Escaping is per stream, at the block level: the bytes are escaped however the appends and the
+// blocks cut them, and a buffer that does not escape writes them as they are.
+TEST(OutBuffer, EscapesControlsOnlyWhenAskedWhereverTheBlocksEnd) {
+  constexpr size_t kCapacity = OutBuffer::kCapacity;
+  // A C1 control whose lead byte ends the first block, an escape in the second.
+  const std::string text = std::string(kCapacity - 1, 'a') + "\xC2\x9B" + "\x1b\n";
+  for (const bool escape : {false, true}) {
+    Sink sink;
+    ASSERT_NE(sink.file, nullptr);
+    {
+      OutBuffer out(sink.file);
+      if (escape) out.escape_controls();
+      out.append(std::string_view(text).substr(0, kCapacity - 1));
+      out.append(std::string_view(text).substr(kCapacity - 1, 1));
+      out.append(std::string_view(text).substr(kCapacity));
+      out.flush();
+    }
+    const std::string expected =
+        escape ? std::string(kCapacity - 1, 'a') + "\xEF\xBF\xBD\xE2\x90\x9B\n" : text;
+    EXPECT_TRUE(sink.contents() == expected) << escape;
+  }
+}
+
 }  // namespace

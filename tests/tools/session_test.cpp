@@ -295,3 +295,33 @@ TEST_F(Session, AnUnfinishedAnswerIsDrainedBeforeTheNextQuery) {
 }
 
 }  // namespace
+
+namespace {
+
+// Between queries: a connection in step stays as it is; one the server closed is opened anew;
+// one whose server is gone for good cannot be, and says so by -1.
+TEST_F(Session, ReviveReopensAConnectionTheServerClosed) {
+  auto peer = std::make_unique<ScriptedPeer>();
+  peer->read_frame().send(kest_test::ack(1024, {}) + kest_test::data(0)).close();
+  peer->start();
+  ClientConnection* connection = client_connect("127.0.0.1", peer->port(), 1);
+  ASSERT_NE(connection, nullptr);
+  EXPECT_EQ(run_query(connection, "first"), 0);
+  ASSERT_TRUE(peer->join());  // the server has closed its end
+
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(session_revive(connection), 0);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("re-opening the connection"));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(session_revive(connection), 0);  // the new connection waits for a query: in step
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+  peer.reset();  // the listener goes, and resets the connection it never accepted
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(session_revive(connection), -1);
+  EXPECT_EQ(session_revive(connection), -1);  // and again, for as long as there is no server
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("cannot connect to kest server"));
+  client_disconnect(connection);
+}
+
+}  // namespace

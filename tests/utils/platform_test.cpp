@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <limits>
 #include <random>
+#include <string>
 #include <thread>
 
 namespace {
@@ -124,6 +128,75 @@ TEST(TimedLock, UncontendedUseNeverTouchesTheWaitCounters) {
   EXPECT_LE(s.hold_min, s.hold_max);
   EXPECT_GE(s.hold_total, s.hold_max);
   timed_lock_destroy(lock);
+}
+
+// Files and the null device are no terminals, although the null device is a character device
+// (and so a console to stdout_is_console).
+TEST(Terminal, FilesAndTheNullDeviceAreNoTerminals) {
+  std::FILE* file = std::tmpfile();
+  ASSERT_NE(file, nullptr);
+  EXPECT_FALSE(stream_is_terminal(fileno(file)));
+  std::fclose(file);
+  const bool windows = kPathSeparator == '\\';
+  std::FILE* null_device = std::fopen(windows ? "NUL" : "/dev/null", "wb");
+  ASSERT_NE(null_device, nullptr);
+  EXPECT_FALSE(stream_is_terminal(fileno(null_device)));
+  std::fclose(null_device);
+}
+
+std::atomic<int> notified{0};
+void count_notice() { notified.fetch_add(1); }
+
+// While watched an interrupt is counted and noticed, and the process goes on. (On Windows the
+// console delivers the event; there is no console to send one from here.)
+TEST(Interrupts, AreCountedAndNoticedWhileWatched) {
+  if (kPathSeparator == '\\') GTEST_SKIP() << "console events need a console";
+  notified = 0;
+  const uint32_t before = platform_interrupt_count();
+  platform_watch_interrupts(true, count_notice);
+  std::raise(SIGINT);
+  std::raise(SIGINT);
+  platform_watch_interrupts(false, nullptr);
+  EXPECT_EQ(platform_interrupt_count() - before, 2u);
+  EXPECT_EQ(notified.load(), 2);
+}
+
+TEST(Pipes, TheCommandsStatusAndWhatItRead) {
+  std::FILE* pipe = platform_pipe_open("exit 3");
+  ASSERT_NE(pipe, nullptr);
+  EXPECT_EQ(platform_pipe_close(pipe), 3);
+  if (kPathSeparator == '\\') return;  // the rest speaks the POSIX shell
+  const std::string path = testing::TempDir() + "kest_pipe_test.txt";
+  pipe = platform_pipe_open(("cat > '" + path + "'").c_str());
+  ASSERT_NE(pipe, nullptr);
+  std::fputs("rows\nas they come\n", pipe);
+  EXPECT_EQ(platform_pipe_close(pipe), 0);
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  ASSERT_NE(file, nullptr);
+  char text[64] = {};
+  EXPECT_EQ(std::fread(text, 1, sizeof text - 1, file), 18u);
+  std::fclose(file);
+  std::remove(path.c_str());
+  EXPECT_STREQ(text, "rows\nas they come\n");
+}
+
+// A reader that has gone fails the writes and is noticed, instead of ending the process.
+TEST(Pipes, AReaderThatWentIsNoticed) {
+  if (kPathSeparator == '\\') GTEST_SKIP() << "no broken-pipe signal on Windows";
+  notified = 0;
+  platform_watch_broken_pipe(true, count_notice);
+  std::FILE* pipe = platform_pipe_open("exit 0");
+  ASSERT_NE(pipe, nullptr);
+  const std::string block(1 << 16, 'x');
+  bool failed = false;
+  // The reader may not have gone yet when the first blocks leave: each write waits for it.
+  for (int i = 0; i < 64 && !failed; ++i)
+    failed =
+        std::fwrite(block.data(), 1, block.size(), pipe) != block.size() || std::fflush(pipe) != 0;
+  platform_pipe_close(pipe);
+  platform_watch_broken_pipe(false, nullptr);
+  EXPECT_TRUE(failed);
+  EXPECT_GE(notified.load(), 1);
 }
 
 }  // namespace

@@ -3,4 +3,5 @@
 int print_results = 1;
 OutputMode output_mode_code = OutputMode::kAscii;
 PrintOptions print_options;
+bool escape_control_chars = false;
 ConfigLayer* client_config = nullptr;

@@ -12,5 +12,8 @@ extern int print_results;
 extern OutputMode output_mode_code;
 // How nulls and headers print; set once after option scanning.
 extern PrintOptions print_options;
+// Set by the shell while results go to the terminal: the printer and the error lines show
+// control characters in the server's text escaped (terminal_text.h). Off in every classic run.
+extern bool escape_control_chars;
 // The configuration store (its "cmdline" layer), created first by the run driver.
 extern ConfigLayer* client_config;

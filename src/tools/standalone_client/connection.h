@@ -30,5 +30,5 @@ struct ClientConnection {
   int64_t tries;
   int64_t timeout_us;  // no byte from the server for this long fails the query; 0: no limit
   StreamState stream;
-  int64_t rows;          // rows received for the last query run
+  int64_t rows;  // rows received for the last query run
 };

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 
@@ -11,6 +12,7 @@
 #include "tools/standalone_client/formats.h"
 #include "tools/standalone_client/options.h"
 #include "tools/standalone_client/session.h"
+#include "tools/standalone_client/shell.h"
 #include "tools/standalone_client/split_query.h"
 #include "utils/netbuffer.h"
 #include "utils/platform.h"
@@ -109,6 +111,7 @@ bool act(int letter, const char* value, int argc, char** argv, ClientRun* run,
 enum ExtendedId : int {
   // Session.
   kOptTimeout = 1,
+  kOptInteractive = 2,
   // Output: formats and what goes with them.
   kOptFormat = 20,
   kOptNull = 21,
@@ -119,9 +122,9 @@ enum ExtendedId : int {
 
 // The client's own long options, beyond the classic table.
 constexpr ExtendedOption kExtendedOptions[] = {
-    {"timeout", 1, kOptTimeout}, {"format", 1, kOptFormat}, {"null", 1, kOptNull},
-    {"no-header", 0, kOptNoHeader}, {"quiet", 0, kOptQuiet}, {"timing", 0, kOptTiming},
-    {nullptr, 0, 0},
+    {"timeout", 1, kOptTimeout},         {"format", 1, kOptFormat}, {"null", 1, kOptNull},
+    {"no-header", 0, kOptNoHeader},      {"quiet", 0, kOptQuiet},   {"timing", 0, kOptTiming},
+    {"interactive", 0, kOptInteractive}, {nullptr, 0, 0},
 };
 
 // The mode `name` stands for; an unknown name is refused on standard error.
@@ -159,6 +162,9 @@ bool act_extended(int id, const char* value, ClientRun* run, OptionsOutcome* end
       return true;
     case kOptTiming:
       znconfig_set_by_id(config, kClient, ZNCONFIG_CLIENT_TIMING, "true");
+      return true;
+    case kOptInteractive:
+      run->interactive = true;
       return true;
     default:
       return true;
@@ -205,13 +211,17 @@ int run_all(ClientConnection* connection, QuerySplitter* qs, const ClientRun& ru
   return status;
 }
 
+// The conversion tables and the network layer; false (logged) when the network cannot start.
+bool start_layers() {
+  types_init();
+  if (network_init() == 0) return true;
+  ZN_LOG(kFacility, ZN_ERROR, "cannot start the network layer");
+  return false;
+}
+
 // From the conversion tables to the last query. The splitter is freed before returning.
 int run_queries(ClientRun* run) {
-  types_init();
-  if (network_init() != 0) {
-    ZN_LOG(kFacility, ZN_ERROR, "cannot start the network layer");
-    return -1;
-  }
+  if (!start_layers()) return -1;
   SplitterOwner splitter{open_splitter(*run)};
   if (!splitter.qs || report_read_error(*run, splitter.qs)) return -1;
   const int64_t tries = znconfig_get_lng(run->config, kClient, ZNCONFIG_CLIENT_CONNECTION_RETRIES);
@@ -223,6 +233,19 @@ int run_queries(ClientRun* run) {
   const int status = run_all(connection, splitter.qs, *run);
   client_disconnect(connection);
   return report_read_error(*run, splitter.qs) ? -1 : status;
+}
+
+int run_shell(const ClientRun& run) {
+  if (!start_layers()) return -1;
+  ShellOptions options;
+  options.host = znconfig_get_str(run.config, kClient, ZNCONFIG_CLIENT_HOST);
+  options.port = znconfig_get_lng(run.config, kClient, ZNCONFIG_CLIENT_PORT);
+  options.tries = znconfig_get_lng(run.config, kClient, ZNCONFIG_CLIENT_CONNECTION_RETRIES);
+  options.timeout = znconfig_get_dbl(run.config, kClient, ZNCONFIG_CLIENT_TIMEOUT);
+  options.timing = znconfig_get_bool(run.config, kClient, ZNCONFIG_CLIENT_TIMING);
+  const char* home = std::getenv("HOME");
+  shell_options_from_environment(&options, home && *home ? home : std::getenv("USERPROFILE"));
+  return shell_run(options);
 }
 
 struct StoreOwner {
@@ -246,7 +269,9 @@ OptionsOutcome client_scan_options(int argc, char** argv, ClientRun* run) {
   for (;;) {
     const char* value = nullptr;
     const int id = get_extended_option(&cursor, argc, argv, kExtendedOptions, &value);
-    if (id > 0 && id != GET_OPTION_REFUSED) {  // a refusal consumed nothing: the usage text
+    // A refused extended option (a missing or unwanted value) consumed nothing: it must reach
+    // the usage text below, never act_extended, or the scan would meet it again for ever.
+    if (id > 0 && id != GET_OPTION_REFUSED) {
       if (!act_extended(id, value, run, &end)) return end;
       continue;
     }
@@ -297,6 +322,11 @@ OutputMode client_output_mode_code(const char* mode) {
   return OutputMode::kAscii;
 }
 
+bool client_wants_shell(const ClientRun& run, bool terminals) {
+  if (run.query || run.file || run.ping) return false;
+  return run.interactive || terminals;
+}
+
 void client_run_close_file(ClientRun* run) {
   if (run->file) std::fclose(run->file);
   run->file = nullptr;
@@ -330,6 +360,10 @@ int kest_client_main(int argc, char** argv) {
   // The data formats write the same bytes everywhere: no CR before the line feeds on Windows.
   if (settings.mode >= OutputMode::kCsv) stdout_set_binary();
 
+  const bool shell = client_wants_shell(run, stream_is_terminal(0) && stream_is_terminal(1));
+  // Between prompts only warnings and errors, unless a logger configuration asks for more.
+  if (shell) zn_log_set_default_level(ZN_WARN);
+
   // The printer gathers whole blocks itself: a second buffer in the C stream would only copy
   // them again and cut them into its own block size. Text printed directly ("Error: ...") then
   // goes out at once, in order with the blocks.
@@ -341,5 +375,5 @@ int kest_client_main(int argc, char** argv) {
     run.query = kPingQuery;
   }
   output_mode_code = settings.mode;
-  return run_queries(&run);
+  return shell ? run_shell(run) : run_queries(&run);
 }

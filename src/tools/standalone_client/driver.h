@@ -17,8 +17,9 @@ struct ClientRun {
   bool ping = false;              // -p
   // The -f file's name as given (points into argv), for its messages.
   const char* file_name = nullptr;
-  bool no_header = false;         // --no-header
-  bool timing = false;            // the timing setting (--timing), read after the scan
+  bool no_header = false;    // --no-header
+  bool timing = false;       // the timing setting (--timing), read after the scan
+  bool interactive = false;  // --interactive
 };
 
 // The output settings, read once from the merged store after the options.
@@ -56,6 +57,11 @@ bool client_output_settings(const ClientRun& run, OutputSettings* settings);
 // The mode an output_mode text names: exactly "html", "raw" or "unicode" (case matters), and
 // ascii for anything else, null included.
 OutputMode client_output_mode_code(const char* mode);
+
+// True when the run is the interactive shell (shell.h): none of -e, -f and -p was given, and
+// either --interactive asks for it or standard input and output are both terminals
+// (`terminals`). Every other run is the classic one.
+bool client_wants_shell(const ClientRun& run, bool terminals);
 
 // Closes run->file if one is open.
 void client_run_close_file(ClientRun* run);

@@ -4,12 +4,31 @@
 
 OutBuffer::OutBuffer(FILE* stream) : stream_(stream), data_(new char[kCapacity]) {}
 
-OutBuffer::~OutBuffer() { drain(); }
+OutBuffer::~OutBuffer() {
+  drain();
+  if (escaping_) {
+    escaping_->text.clear();
+    escaping_->escaper.finish(&escaping_->text);
+    std::fwrite(escaping_->text.data(), 1, escaping_->text.size(), stream_);
+  }
+}
+
+void OutBuffer::escape_controls() { escaping_ = std::make_unique<Escaping>(); }
+
+// A failed write (a closed pipe, a full disk) loses the output; the printer has no way to
+// report it and the result must still be consumed, so the bytes are dropped.
+void OutBuffer::write(const char* bytes, size_t n) {
+  if (!escaping_) {
+    std::fwrite(bytes, 1, n, stream_);
+    return;
+  }
+  escaping_->text.clear();
+  escaping_->escaper.feed(std::string_view(bytes, n), &escaping_->text);
+  std::fwrite(escaping_->text.data(), 1, escaping_->text.size(), stream_);
+}
 
 void OutBuffer::drain() {
-  // A failed write (a closed pipe, a full disk) loses the output; the printer has no way to
-  // report it and the result must still be consumed, so the bytes are dropped.
-  if (used_ > 0) std::fwrite(data_.get(), 1, used_, stream_);
+  if (used_ > 0) write(data_.get(), used_);
   used_ = 0;
 }
 
@@ -20,7 +39,7 @@ void OutBuffer::flush() {
 
 void OutBuffer::append_long(std::string_view text) {
   drain();
-  std::fwrite(text.data(), 1, text.size(), stream_);
+  write(text.data(), text.size());
 }
 
 void OutBuffer::append_fill(char c, size_t n) {

@@ -6,7 +6,10 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <string_view>
+
+#include "tools/standalone_client/terminal_text.h"
 
 class OutBuffer {
  public:
@@ -60,10 +63,21 @@ class OutBuffer {
 
   size_t pending() const { return used_; }
 
+  // From now on every byte goes to the stream through a ControlEscaper (terminal_text.h): for a
+  // terminal that the text must not drive. Costs nothing per append; each block is scanned once
+  // as it is written out.
+  void escape_controls();
+
  private:
   void append_long(std::string_view text);
+  void write(const char* bytes, size_t n);
 
   FILE* stream_;
   std::unique_ptr<char[]> data_;
   size_t used_ = 0;
+  struct Escaping {
+    ControlEscaper escaper;
+    std::string text;  // the escaped block, reused
+  };
+  std::unique_ptr<Escaping> escaping_;  // null: bytes are written as they are
 };

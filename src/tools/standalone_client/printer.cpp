@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kernel/ltype.h"
+#include "tools/standalone_client/client_globals.h"
 #include "tools/standalone_client/formats.h"
 #include "tools/standalone_client/out_buffer.h"
 #include "tools/standalone_client/printer_internal.h"
@@ -386,6 +387,7 @@ ResultPrinter* printer_open(FILE* stream, int32_t ncols, char* const* names,
   std::unique_ptr<ResultPrinter> p;
   try {
     p = std::make_unique<ResultPrinter>(stream, mode, options);
+    if (escape_control_chars) p->out.escape_controls();
     setup_columns(*p, std::max(ncols, 0), names, types, ltypes, isconst);
     // The data formats work out their column labels here, before they print anything.
     p->ops->head(*p, names);

@@ -8,6 +8,7 @@
 #include "tools/standalone_client/client_globals.h"
 #include "tools/standalone_client/connection.h"
 #include "tools/standalone_client/printer.h"
+#include "tools/standalone_client/terminal_text.h"
 #include "utils/kest_assert.h"
 #include "utils/netbuffer.h"
 #include "utils/znlog.h"
@@ -281,7 +282,10 @@ std::string server_error_text(const ErrorRecord* record) {
 void report_server_error(ErrorRecord* record) {
   if (record == nullptr) return;
   const std::string text = server_error_text(record);
-  std::printf("Error: %s\n", text.c_str());
+  if (escape_control_chars)
+    std::printf("Error: %s\n", escape_controls(text).c_str());
+  else
+    std::printf("Error: %s\n", text.c_str());
   std::fflush(stdout);
   ZN_LOG(kFacility, ZN_DEBUG, "%s", text.c_str());
   free_error(record);

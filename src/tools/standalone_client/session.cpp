@@ -277,6 +277,15 @@ int session_settle(ClientConnection* connection) {
   return 0;
 }
 
+int session_revive(ClientConnection* connection) {
+  // Between answers the server sends nothing: a readable socket holds an end of stream, a reset
+  // or stray bytes, and none of them leaves the connection usable.
+  if (connection->stream == StreamState::kInStep &&
+      (connection->socket < 0 || net_wait_readable(connection->socket, 0) != 0))
+    connection->stream = StreamState::kBroken;
+  return session_settle(connection);
+}
+
 void session_arm_cancel(bool armed) {
   cancel_armed = armed ? 1 : 0;
   cancel_requested = 0;

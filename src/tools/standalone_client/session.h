@@ -44,6 +44,13 @@ void session_set_timeout(ClientConnection* connection, double seconds);
 // run_query calls it first; a caller may call it early (after a cancelled result, say).
 int session_settle(ClientConnection* connection);
 
+// Between queries, makes sure the connection can take the next one: when the server closed it
+// (or reset it, or sent bytes no query asked for), or a cancelled or failed answer left it
+// unusable, it is re-opened as session_settle does. 0 when the connection is usable, -1 when it
+// could not be re-opened (try again later). Cheap when all is well: one look at the socket
+// without waiting.
+int session_revive(ClientConnection* connection);
+
 // Cancelling. While armed, the session waits for the server in short slices and looks for a
 // request between them and between messages; a request stops the result at once (the printer
 // closes the table and says the result was cancelled), the query fails, and the rest of the

@@ -1,0 +1,205 @@
+#include "tools/standalone_client/line_reader.h"
+
+#include <cstring>
+
+#include "utils/platform.h"
+
+#if KEST_HAVE_LIBEDIT
+#include <histedit.h>
+
+#include <cerrno>
+#include <clocale>
+#endif
+
+namespace {
+
+constexpr char kEntryLineEnd = '\x01';  // a line end inside a history entry, in the file
+
+std::string encode_entry(std::string_view entry) {
+  std::string line(entry);
+  for (char& c : line)
+    if (c == '\n') c = kEntryLineEnd;
+  return line;
+}
+
+void decode_entry(std::string* line) {
+  for (char& c : *line)
+    if (c == kEntryLineEnd) c = '\n';
+}
+
+void strip_line_end(std::string* line) {
+  while (!line->empty() && (line->back() == '\n' || line->back() == '\r')) line->pop_back();
+}
+
+// Reads one line of any length; false at the end of input or on an error, with nothing read.
+bool read_plain_line(std::FILE* in, std::string* line) {
+  line->clear();
+  char chunk[4096];
+  while (std::fgets(chunk, sizeof chunk, in)) {
+    line->append(chunk);
+    if (!line->empty() && line->back() == '\n') return true;
+  }
+  return !line->empty();  // a last line without a line end
+}
+
+#if KEST_HAVE_LIBEDIT
+
+constexpr bool kCanEdit = true;
+
+// Line editing with libedit: emacs key bindings (and the user's ~/.editrc), the history in
+// memory for recall. libedit's own signal handling stays off: the shell watches interrupts,
+// and an interrupted read returns from el_gets with the line dropped.
+class Editor {
+ public:
+  Editor(std::FILE* in, std::FILE* out, size_t history_size) {
+    std::setlocale(LC_CTYPE, "");  // multibyte characters are edited as characters
+    history_ = history_init();
+    HistEvent event;
+    history(history_, &event, H_SETSIZE, static_cast<int>(history_size));
+    history(history_, &event, H_SETUNIQUE, 1);
+    el_ = el_init("kest_client", in, out, stderr);
+    el_set(el_, EL_CLIENTDATA, this);
+    el_set(el_, EL_PROMPT, &Editor::prompt_of);
+    el_set(el_, EL_EDITOR, "emacs");
+    el_set(el_, EL_HIST, history, history_);
+    el_source(el_, nullptr);
+  }
+  ~Editor() {
+    el_end(el_);
+    history_end(history_);
+  }
+  Editor(const Editor&) = delete;
+  Editor& operator=(const Editor&) = delete;
+
+  void remember(const std::string& entry) {
+    HistEvent event;
+    history(history_, &event, H_ENTER, entry.c_str());
+  }
+
+  ReadStatus read(const std::string& prompt, std::string* line) {
+    prompt_ = prompt;
+    int count = 0;
+    errno = 0;
+    const char* text = el_gets(el_, &count);
+    if (!text) return count < 0 && errno == EINTR ? ReadStatus::kInterrupted : ReadStatus::kEnd;
+    line->assign(text, static_cast<size_t>(count));
+    strip_line_end(line);
+    return ReadStatus::kLine;
+  }
+
+ private:
+  static char* prompt_of(EditLine* el) {
+    Editor* self = nullptr;
+    el_get(el, EL_CLIENTDATA, &self);
+    return self->prompt_.data();
+  }
+
+  EditLine* el_ = nullptr;
+  History* history_ = nullptr;
+  std::string prompt_;
+};
+
+#else
+
+constexpr bool kCanEdit = false;
+
+// Without libedit there is nothing to edit with: the plain reader serves.
+class Editor {
+ public:
+  Editor(std::FILE*, std::FILE*, size_t) {}
+  void remember(const std::string&) {}
+  ReadStatus read(const std::string&, std::string*) { return ReadStatus::kEnd; }
+};
+
+#endif  // KEST_HAVE_LIBEDIT
+
+}  // namespace
+
+struct LineReader {
+  LineReaderOptions options;
+  std::unique_ptr<Editor> editor;  // null: plain reading
+  std::string last_entry;
+};
+
+void LineReaderClose::operator()(LineReader* reader) const { delete reader; }
+
+LineReaderPtr line_reader_open(const LineReaderOptions& options) {
+  LineReaderPtr reader(new LineReader{options, nullptr, {}});
+  if (kCanEdit && options.edit)
+    reader->editor = std::make_unique<Editor>(options.in, options.out, options.history_size);
+  if (options.history_path.empty()) return reader;
+  std::vector<std::string> entries = history_load(options.history_path);
+  if (entries.size() > options.history_size) {
+    entries.erase(entries.begin(),
+                  entries.end() - static_cast<std::ptrdiff_t>(options.history_size));
+    history_rewrite(options.history_path, entries);
+  }
+  for (const std::string& entry : entries)
+    if (reader->editor) reader->editor->remember(entry);
+  if (!entries.empty()) reader->last_entry = entries.back();
+  return reader;
+}
+
+ReadStatus line_reader_read(LineReader* reader, const std::string& prompt, std::string* line) {
+  const uint32_t interrupts = platform_interrupt_count();
+  ReadStatus status;
+  if (reader->editor) {
+    status = reader->editor->read(prompt, line);
+  } else {
+    std::fputs(prompt.c_str(), reader->options.out);
+    std::fflush(reader->options.out);
+    status = read_plain_line(reader->options.in, line) ? ReadStatus::kLine : ReadStatus::kEnd;
+    strip_line_end(line);
+  }
+  if (platform_interrupt_count() != interrupts) {
+    // The interrupted read leaves the stream's error flag set; the next read must try again.
+    std::clearerr(reader->options.in);
+    return ReadStatus::kInterrupted;
+  }
+  return status;
+}
+
+void line_reader_remember(LineReader* reader, std::string_view entry) {
+  if (entry.empty() || entry == reader->last_entry) return;
+  reader->last_entry = std::string(entry);
+  if (reader->editor) reader->editor->remember(reader->last_entry);
+  if (!reader->options.history_path.empty()) history_append(reader->options.history_path, entry);
+}
+
+bool line_reader_edits(const LineReader* reader) { return reader->editor != nullptr; }
+
+bool line_reader_can_edit() { return kCanEdit; }
+
+std::vector<std::string> history_load(const std::string& path) {
+  std::vector<std::string> entries;
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (!file) return entries;
+  std::string line;
+  while (read_plain_line(file, &line)) {
+    strip_line_end(&line);
+    if (line.empty()) continue;
+    decode_entry(&line);
+    entries.push_back(std::move(line));
+  }
+  std::fclose(file);
+  return entries;
+}
+
+bool history_append(const std::string& path, std::string_view entry) {
+  std::FILE* file = std::fopen(path.c_str(), "ab");
+  if (!file) return false;
+  const std::string line = encode_entry(entry) + "\n";
+  const bool written = std::fwrite(line.data(), 1, line.size(), file) == line.size();
+  return std::fclose(file) == 0 && written;
+}
+
+bool history_rewrite(const std::string& path, const std::vector<std::string>& entries) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (!file) return false;
+  bool written = true;
+  for (const std::string& entry : entries) {
+    const std::string line = encode_entry(entry) + "\n";
+    written = written && std::fwrite(line.data(), 1, line.size(), file) == line.size();
+  }
+  return std::fclose(file) == 0 && written;
+}
