@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 #include "kernel/ltype.h"
 #include "tools/standalone_client/client_globals.h"
@@ -17,20 +19,6 @@ namespace {
 
 constexpr const char* kFacility = "KESTCLIENT";
 constexpr uint32_t kStatusError = 0xFFFFFFFFu;
-
-// Room for `need` bytes of one column's texts. The bytes of a column's values never exceed what
-// is left of the message, so the block is sized for that before the first value and never moves
-// while filled. Plain heap blocks, like the rest of the query's arrays: running out of memory is
-// an assertion.
-char* text_room(TextArea& area, size_t need) {
-  if (area.size < need) {
-    free(area.bytes);
-    area.bytes = static_cast<char*>(malloc(need));
-    KEST_ASSERT(kFacility, area.bytes);
-    area.size = need;
-  }
-  return area.bytes;
-}
 
 template <typename T>
 T* alloc_array(int64_t count) {
@@ -48,8 +36,6 @@ void allocate_columns(QueryResult& queryres, int32_t n) {
   queryres.data = alloc_array<void*>(n);
   KEST_ASSERT(kFacility, queryres.name && queryres.type && queryres.ltype && queryres.isconst &&
                              queryres.width && queryres.data);
-  queryres.text = alloc_array<TextArea>(n);
-  KEST_ASSERT(kFacility, queryres.text);
 }
 
 void read_names(QueryResult& queryres, NetBuffer* netbuf, int32_t n) {
@@ -94,18 +80,15 @@ void read_column(QueryResult& result, NetBuffer* netbuf, int32_t column, int64_t
     NetBufferGet(netbuf, result.data[column], k * result.width[column]);
     return;
   }
-  // The printer reads each value as a terminated string: each keeps room for a zero.
-  auto** values = static_cast<char**>(result.data[column]);
-  const auto left = static_cast<size_t>(netbuf->used - netbuf->pos);
-  NetBufferGetStrs(netbuf, k, text_room(result.text[column], left + static_cast<size_t>(k)),
-                   values);
+  // The printer reads each value as a terminated string: terminated where it lies in the
+  // message, so a message of texts is held once; the rows are printed before the next receive.
+  NetBufferGetStrsInPlace(netbuf, k, static_cast<char**>(result.data[column]));
 }
 
 void free_columns(QueryResult& result) {
   for (int32_t i = 0; result.name && result.name[i]; ++i) {
     free(result.name[i]);
     free(result.data[i]);
-    if (result.text) free(result.text[i].bytes);
   }
   free(result.name);
   free(result.type);
@@ -113,7 +96,6 @@ void free_columns(QueryResult& result) {
   free(result.isconst);
   free(result.width);
   free(result.data);
-  free(result.text);
 }
 
 void append_unknown_code_text(std::string& out, const ErrorRecord* record) {
@@ -279,14 +261,48 @@ std::string server_error_text(const ErrorRecord* record) {
   return text;
 }
 
+namespace {
+
+// The pieces of an error message on their way to standard output, gathered so that a message
+// of usual size leaves in one write however many pieces it has; a long one goes out in blocks
+// and is never built whole. At the shell's terminal its control characters are escaped.
+class ErrorLine {
+ public:
+  static void sink(void* arg, const char* bytes, size_t len) {
+    static_cast<ErrorLine*>(arg)->add(std::string_view(bytes, len));
+  }
+  void add(std::string_view piece) {
+    if (escape_control_chars)
+      escaper_.feed(piece, &block_);
+    else
+      block_ += piece;
+    if (block_.size() >= kBlock) flush();
+  }
+  void finish() {
+    if (escape_control_chars) escaper_.finish(&block_);
+    block_ += '\n';
+    flush();
+    std::fflush(stdout);
+  }
+
+ private:
+  static constexpr size_t kBlock = 64 << 10;
+  void flush() {
+    std::fwrite(block_.data(), 1, block_.size(), stdout);
+    block_.clear();
+  }
+  std::string block_ = "Error: ";
+  ControlEscaper escaper_;
+};
+
+}  // namespace
+
 void report_server_error(ErrorRecord* record) {
   if (record == nullptr) return;
-  const std::string text = server_error_text(record);
-  if (escape_control_chars)
-    std::printf("Error: %s\n", escape_controls(text).c_str());
-  else
-    std::printf("Error: %s\n", text.c_str());
-  std::fflush(stdout);
-  ZN_LOG(kFacility, ZN_DEBUG, "%s", text.c_str());
+  ErrorLine line;
+  kest_error_emit(record, ErrorLine::sink, &line);
+  line.finish();
+  if (zn_log_enabled(kFacility, ZN_DEBUG))
+    ZN_LOG(kFacility, ZN_DEBUG, "%s", server_error_text(record).c_str());
   free_error(record);
 }

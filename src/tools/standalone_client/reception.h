@@ -29,13 +29,6 @@ struct ClientConnection;
 // A logical type text must be shorter than this.
 constexpr int MAX_TYPE_NAME = 64;
 
-// The texts of one variable-size column for one message, end to end in one block that every
-// message of the query reuses.
-struct TextArea {
-  char* bytes;  // owned
-  size_t size;
-};
-
 // Why the last data message failed the query, which tells what is left in the stream.
 enum class DataFailure : int32_t {
   kNone = 0,
@@ -55,9 +48,8 @@ struct QueryResult {
   int32_t* isconst;           // non-zero: one value stands for every row
   int32_t* width;             // bytes per value
   void** data;                // width x (1 if constant, else the vector size) bytes each; a
-                              // variable-size column holds one char* per value into `text`,
-                              // valid only while the message that carried it is being printed
-  TextArea* text;             // n areas: the variable-size values of the current message
+                              // variable-size column holds one char* per value into the
+                              // network buffer, valid only until the next receive
   ResultPrinter* printer;     // open while results are printed, else null
   FILE* out;                  // where the printer writes; null means standard output
   DataFailure failure;        // set when decode_data or receive_data returns -1
