@@ -176,10 +176,12 @@ echo "latency (hyperfine, $PINGS runs each)" >&2
 hyperfine -N --warmup 10 --runs "$PINGS" --style none --export-csv "$tmp/latency.csv" \
   "$BIN/kest_client -h 127.0.0.1 -P $kest_port -p" \
   "$PG_BIN/psql -X -q -h 127.0.0.1 -p $pg_port -U bench -d postgres -c 'select 1'" \
+  "/bin/true" \
   >"$tmp/hyperfine.log" 2>&1 || { cat "$tmp/hyperfine.log" >&2; exit 1; }
 median_ms() { awk -F, -v row="$1" 'NR == row + 1 { printf "%.2f", $4 * 1000 }' "$tmp/latency.csv"; }
-kest_ping=$(median_ms 1) psql_ping=$(median_ms 2)
-echo "  kest_client -p: $kest_ping ms, psql -c 'select 1': $psql_ping ms (medians)" >&2
+kest_ping=$(median_ms 1) psql_ping=$(median_ms 2) true_start=$(median_ms 3)
+echo "  kest_client -p: $kest_ping ms, psql -c 'select 1': $psql_ping ms," \
+  "/bin/true: $true_start ms (medians)" >&2
 
 echo "many small queries ($SMALL_QUERIES in one session)" >&2
 for _ in $(seq "$SMALL_QUERIES"); do echo "Array([i=1]);"; done >"$tmp/small.kest"
@@ -228,6 +230,8 @@ row "csv $(mrows "$M") rows: CPU of kest csv / raw" "$(ratio "$kc" "$kr")" "" ""
   "kest csv/raw <= 1.5x" "$(verdict "$kc <= 1.5 * $kr")"
 row "latency: median wall ms" "$kest_ping" "$psql_ping" "$(ratio "$psql_ping" "$kest_ping")" \
   "kest < 5 ms, >= 5x" "$(verdict "$kest_ping < 5 && $psql_ping >= 5 * $kest_ping")"
+row "start-up: -p median wall / /bin/true's" "$(ratio "$kest_ping" "$true_start")" "" "" \
+  "kest <= 1.5x /bin/true" "$(verdict "$kest_ping <= 1.5 * $true_start")"
 kq=$(awk -v w="$(wall kest_small)" -v n="$SMALL_QUERIES" 'BEGIN { printf "%.0f", n / w }')
 pq=$(awk -v w="$(wall psql_small)" -v n="$SMALL_QUERIES" 'BEGIN { printf "%.0f", n / w }')
 row "small queries: queries / s" "$kq" "$pq" "$(ratio "$kq" "$pq")" "kest/psql >= 2x" \
