@@ -188,7 +188,7 @@ for _ in $(seq "$SMALL_QUERIES"); do echo "Array([i=1]);"; done >"$tmp/small.kes
 for _ in $(seq "$SMALL_QUERIES"); do echo "select 1;"; done >"$tmp/small.sql"
 server_ticks() { awk '{ print $14 + $15 }' "/proc/$server_pid/stat"; }
 ticks_before=$(server_ticks)
-best_of_two kest_small "$BIN/kest_client" -h 127.0.0.1 -P "$kest_port" -f "$tmp/small.kest"
+best_of_two kest_small "$BIN/kest_client" -h 127.0.0.1 -P "$kest_port" --quiet -f "$tmp/small.kest"
 server_us=$(awk -v t="$(( $(server_ticks) - ticks_before ))" -v hz="$(getconf CLK_TCK)" \
   -v n="$SMALL_QUERIES" 'BEGIN { printf "%.1f", t / hz / (2 * n) * 1e6 }')
 best_of_two psql_small "$PG_BIN/psql" -X -q -h 127.0.0.1 -p "$pg_port" -U bench -d postgres \

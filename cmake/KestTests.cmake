@@ -28,7 +28,7 @@ foreach(src IN LISTS KEST_TEST_SOURCES)
   add_executable(${target} ${src})
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR}/src)
   target_link_libraries(${target} PRIVATE kest_client_core kest_refserver_core kest_kernel kest_utils
-                        ${KEST_LIBEDIT_LIBS} ${KEST_GTEST_LIBS} ${KEST_GTEST_MAIN})
+                        ${KEST_LINE_EDIT_LIBS} ${KEST_GTEST_LIBS} ${KEST_GTEST_MAIN})
   if(TARGET kest_test_support)
     target_link_libraries(${target} PRIVATE kest_test_support)
   endif()

@@ -5,6 +5,7 @@
 #include "utils/platform.h"
 
 #if KEST_HAVE_LIBEDIT
+#include <dlfcn.h>
 #include <histedit.h>
 
 #include <cerrno>
@@ -44,43 +45,83 @@ bool read_plain_line(std::FILE* in, std::string* line) {
 
 #if KEST_HAVE_LIBEDIT
 
-constexpr bool kCanEdit = true;
+// libedit is loaded when the shell first edits a line, not when the program starts: every run
+// that is not the shell (scripts, -e, -p) would otherwise pay for loading it and the libraries
+// it needs. Without it the shell reads plain lines.
+struct EditLibrary {
+  decltype(&::history_init) history_init;
+  decltype(&::history_end) history_end;
+  decltype(&::history) history;
+  decltype(&::el_init) el_init;
+  decltype(&::el_end) el_end;
+  decltype(&::el_set) el_set;
+  decltype(&::el_get) el_get;
+  decltype(&::el_gets) el_gets;
+  decltype(&::el_source) el_source;
+};
+
+template <typename F>
+bool resolve(void* handle, const char* name, F* fn) {
+  *fn = reinterpret_cast<F>(dlsym(handle, name));
+  return *fn != nullptr;
+}
+
+// The library's entry points, or null when it cannot be loaded (then once, for the process).
+const EditLibrary* edit_library() {
+  static const EditLibrary* const library = []() -> const EditLibrary* {
+    void* handle = dlopen("libedit.so.2", RTLD_NOW | RTLD_LOCAL);
+    if (!handle) handle = dlopen("libedit.so", RTLD_NOW | RTLD_LOCAL);
+    if (!handle) return nullptr;
+    static EditLibrary l;
+    const bool all =
+        resolve(handle, "history_init", &l.history_init) &&
+        resolve(handle, "history_end", &l.history_end) && resolve(handle, "history", &l.history) &&
+        resolve(handle, "el_init", &l.el_init) && resolve(handle, "el_end", &l.el_end) &&
+        resolve(handle, "el_set", &l.el_set) && resolve(handle, "el_get", &l.el_get) &&
+        resolve(handle, "el_gets", &l.el_gets) && resolve(handle, "el_source", &l.el_source);
+    return all ? &l : nullptr;
+  }();
+  return library;
+}
+
+bool can_edit() { return edit_library() != nullptr; }
 
 // Line editing with libedit: emacs key bindings (and the user's ~/.editrc), the history in
 // memory for recall. libedit's own signal handling stays off: the shell watches interrupts,
 // and an interrupted read returns from el_gets with the line dropped.
 class Editor {
  public:
-  Editor(std::FILE* in, std::FILE* out, size_t history_size) {
+  // REQUIRES: can_edit().
+  Editor(std::FILE* in, std::FILE* out, size_t history_size) : lib_(*edit_library()) {
     std::setlocale(LC_CTYPE, "");  // multibyte characters are edited as characters
-    history_ = history_init();
+    history_ = lib_.history_init();
     HistEvent event;
-    history(history_, &event, H_SETSIZE, static_cast<int>(history_size));
-    history(history_, &event, H_SETUNIQUE, 1);
-    el_ = el_init("kest_client", in, out, stderr);
-    el_set(el_, EL_CLIENTDATA, this);
-    el_set(el_, EL_PROMPT, &Editor::prompt_of);
-    el_set(el_, EL_EDITOR, "emacs");
-    el_set(el_, EL_HIST, history, history_);
-    el_source(el_, nullptr);
+    lib_.history(history_, &event, H_SETSIZE, static_cast<int>(history_size));
+    lib_.history(history_, &event, H_SETUNIQUE, 1);
+    el_ = lib_.el_init("kest_client", in, out, stderr);
+    lib_.el_set(el_, EL_CLIENTDATA, this);
+    lib_.el_set(el_, EL_PROMPT, &Editor::prompt_of);
+    lib_.el_set(el_, EL_EDITOR, "emacs");
+    lib_.el_set(el_, EL_HIST, lib_.history, history_);
+    lib_.el_source(el_, nullptr);
   }
   ~Editor() {
-    el_end(el_);
-    history_end(history_);
+    lib_.el_end(el_);
+    lib_.history_end(history_);
   }
   Editor(const Editor&) = delete;
   Editor& operator=(const Editor&) = delete;
 
   void remember(const std::string& entry) {
     HistEvent event;
-    history(history_, &event, H_ENTER, entry.c_str());
+    lib_.history(history_, &event, H_ENTER, entry.c_str());
   }
 
   ReadStatus read(const std::string& prompt, std::string* line) {
     prompt_ = prompt;
     int count = 0;
     errno = 0;
-    const char* text = el_gets(el_, &count);
+    const char* text = lib_.el_gets(el_, &count);
     if (!text) return count < 0 && errno == EINTR ? ReadStatus::kInterrupted : ReadStatus::kEnd;
     line->assign(text, static_cast<size_t>(count));
     strip_line_end(line);
@@ -90,10 +131,11 @@ class Editor {
  private:
   static char* prompt_of(EditLine* el) {
     Editor* self = nullptr;
-    el_get(el, EL_CLIENTDATA, &self);
+    edit_library()->el_get(el, EL_CLIENTDATA, &self);
     return self->prompt_.data();
   }
 
+  const EditLibrary& lib_;
   EditLine* el_ = nullptr;
   History* history_ = nullptr;
   std::string prompt_;
@@ -101,7 +143,7 @@ class Editor {
 
 #else
 
-constexpr bool kCanEdit = false;
+bool can_edit() { return false; }
 
 // Without libedit there is nothing to edit with: the plain reader serves.
 class Editor {
@@ -125,7 +167,7 @@ void LineReaderClose::operator()(LineReader* reader) const { delete reader; }
 
 LineReaderPtr line_reader_open(const LineReaderOptions& options) {
   LineReaderPtr reader(new LineReader{options, nullptr, {}});
-  if (kCanEdit && options.edit)
+  if (options.edit && can_edit())
     reader->editor = std::make_unique<Editor>(options.in, options.out, options.history_size);
   if (options.history_path.empty()) return reader;
   std::vector<std::string> entries = history_load(options.history_path);
@@ -168,7 +210,7 @@ void line_reader_remember(LineReader* reader, std::string_view entry) {
 
 bool line_reader_edits(const LineReader* reader) { return reader->editor != nullptr; }
 
-bool line_reader_can_edit() { return kCanEdit; }
+bool line_reader_can_edit() { return can_edit(); }
 
 std::vector<std::string> history_load(const std::string& path) {
   std::vector<std::string> entries;
