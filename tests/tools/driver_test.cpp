@@ -298,3 +298,22 @@ TEST(ClientOptions, WhenTheShellRuns) {
 }
 
 }  // namespace
+
+namespace {
+
+// --timeout takes a number of seconds from 0 to a year; anything else ends the scan with an error
+// before anything is sent, like an unknown --format.
+TEST(ClientOptions, TimeoutMustBeANumberOfSeconds) {
+  for (const char* good : {"0", "0.25", "30", "31536000"}) {
+    Scan s({"--timeout", good});
+    EXPECT_EQ(s.outcome, OptionsOutcome::kRun) << good << ": " << s.err;
+  }
+  for (const char* bad : {"abc", "1.5s", "-1", "31536001", "", "nan"}) {
+    Scan s({"--timeout", bad, "-P", "70000"});
+    EXPECT_EQ(s.outcome, OptionsOutcome::kExitFailed) << bad;
+    EXPECT_EQ(s.err, std::string("Error: invalid timeout '") + bad +
+                         "' (seconds, 0 for no limit, up to 31536000)\n");  // -P never scanned
+  }
+}
+
+}  // namespace

@@ -137,11 +137,29 @@ std::optional<OutputMode> checked_format(const char* name) {
   return mode;
 }
 
+// The longest --timeout: a year of seconds, as the settings key allows.
+constexpr double kMaxTimeoutSeconds = 31536000.0;
+
+// True when `text` is a number of seconds from 0 (no limit) to a year; anything else (a word, a
+// unit after the number, a negative number) is refused on standard error.
+bool checked_seconds(const char* text) {
+  char* end = nullptr;
+  const double seconds = std::strtod(text, &end);
+  if (end != text && *end == '\0' && seconds >= 0 && seconds <= kMaxTimeoutSeconds) return true;
+  std::fprintf(stderr, "Error: invalid timeout '%s' (seconds, 0 for no limit, up to %.0f)\n", text,
+               kMaxTimeoutSeconds);
+  return false;
+}
+
 // Acts on one extended option; false when the run must end (the outcome is then in *end).
 bool act_extended(int id, const char* value, ClientRun* run, OptionsOutcome* end) {
   ConfigLayer* config = run->config;
   switch (id) {
     case kOptTimeout:
+      if (!checked_seconds(value)) {
+        *end = OptionsOutcome::kExitFailed;
+        return false;
+      }
       znconfig_set_by_id(config, kClient, ZNCONFIG_CLIENT_TIMEOUT, value);
       return true;
     case kOptFormat:

@@ -558,7 +558,10 @@ void vertical_head(ResultPrinter& p, char* const* names) {
     label.append(widest - utf8_chars(label.data(), label.size()), ' ');
     p.labels.push_back(label.append(" | "));
   }
-  p.labels.push_back("\n" + std::string(widest + 3, ' '));
+  // The indent of a value's continued lines: a line end, then as wide as a label.
+  std::string indent(widest + 4, ' ');
+  indent[0] = '\n';
+  p.labels.push_back(std::move(indent));
 }
 
 void vertical_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {

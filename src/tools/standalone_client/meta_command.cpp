@@ -61,7 +61,9 @@ MetaCommand invalid(std::string error) {
 }
 
 std::string usage_error(std::string_view name, std::string_view what) {
-  return "\\" + std::string(name) + ": " + std::string(what) + "; \\? lists the commands.";
+  std::string error = "\\";
+  error.append(name).append(": ").append(what).append("; \\? lists the commands.");
+  return error;
 }
 
 // A FILE argument: the rest of the line, or the text between single quotes.

@@ -281,8 +281,12 @@ int session_revive(ClientConnection* connection) {
   // Between answers the server sends nothing: a readable socket holds an end of stream, a reset
   // or stray bytes, and none of them leaves the connection usable.
   if (connection->stream == StreamState::kInStep &&
-      (connection->socket < 0 || net_wait_readable(connection->socket, 0) != 0))
-    connection->stream = StreamState::kBroken;
+      (connection->socket < 0 || net_wait_readable(connection->socket, 0) != 0)) {
+    ZN_LOG(kFacility, ZN_WARN,
+           "the connection to %s:%lld was closed or is out of step: re-opening the connection",
+           connection->host, static_cast<long long>(connection->port));
+    return reopen(connection) ? 0 : -1;
+  }
   return session_settle(connection);
 }
 
