@@ -2,9 +2,10 @@
 #
 # Installed as share/bash-completion/completions/kest_client, where bash-completion loads it on
 # the first <Tab> after the command; it also works sourced on its own, without bash-completion.
-# Completes every option, long and short; file names after -f, -a and -c; the output formats
-# after -o; host names after -h. The client takes no other arguments, so options are offered
-# for an empty word too.
+# Completes every option, long and short; file names after -f, -a and -c; the classic output
+# modes after -o and all nine format names after --format; host names after -h; nothing after
+# an option whose value is a query, a number or a text (-e, -P, -t, --timeout, --null). The
+# client takes no other arguments, so options are offered for an empty word too.
 
 _kest_client() {
   local cur prev split=false
@@ -36,6 +37,11 @@ _kest_client() {
       mapfile -t COMPREPLY < <(compgen -W 'ascii unicode raw html' -- "$cur")
       return
       ;;
+    --format)
+      mapfile -t COMPREPLY < <(compgen -W 'ascii unicode raw html csv tsv json markdown vertical' \
+        -- "$cur")
+      return
+      ;;
     -h | --host)
       if declare -F _known_hosts_real >/dev/null; then
         _known_hosts_real -- "$cur"
@@ -44,14 +50,15 @@ _kest_client() {
       fi
       return
       ;;
-    -e | --execute | -P | --port | -t | --tries)
-      return  # a query, a port, a number: nothing to offer
+    -e | --execute | -P | --port | -t | --tries | --timeout | --null)
+      return  # a query, a port, a number, a text: nothing to offer
       ;;
   esac
   $split && return
 
   local long='--config --execute --host --port --ping --tries --unicode --nounicode
-    --raw-output --output --file --passfile --ignore-err --version --help'
+    --raw-output --output --file --passfile --ignore-err --version --help
+    --format --null --no-header --quiet --timing --timeout --interactive'
   local short='-e -f -h -P -p -t -a -o -u -n -r -c -i -v -?'
   if [[ $cur == --* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$long" -- "$cur")

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The bash completion of kest_client, driven as bash drives it (COMP_WORDS split at "=" as
 # COMP_WORDBREAKS does, COMP_LINE, COMP_POINT), once on its own and once under bash-completion
-# when that is installed.
+# when that is installed. The cases are a table: the words typed and the completions expected.
 #   bash tests/completion/kest_client_completion_test.sh [COMPLETION_FILE]
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -46,28 +46,71 @@ check() {
     fail=$((fail + 1)); echo "FAIL [$mode] '$line': got '$got', want '$expected'"
   fi
 }
-all_long="--config --execute --file --help --host --ignore-err --nounicode --output --passfile --ping --port --raw-output --tries --unicode --version"
-check "kest_client --ou" "--output"
-check "kest_client --p" "--passfile --ping --port"
-check "kest_client --" "$all_long"
+all_long="--config --execute --file --format --help --host --ignore-err --interactive --no-header --nounicode --null --output --passfile --ping --port --quiet --raw-output --timeout --timing --tries --unicode --version"
 # "-?" stays itself although the file "-x" matches it as a pattern.
 all="$all_long -? -P -a -c -e -f -h -i -n -o -p -r -t -u -v"
-check "kest_client -" "$all"
-check "kest_client -p -i " "$all"
-check "kest_client -o " "ascii html raw unicode"
-check "kest_client -o u" "unicode"
-check "kest_client --output = r" "raw"
-check "kest_client -n --output h" "html"
-check "kest_client -f s" "scores.txt script.kest"
-check "kest_client --file scr" "script.kest"
-check "kest_client --file = scr" "script.kest"
-check "kest_client -a sc" "scores.txt script.kest"
-check "kest_client --passfile = sco" "scores.txt"
-check "kest_client -c conf.d/" "conf.d/a.conf"
-check "kest_client --config co" "conf.d"
-check "kest_client -P " ""
-check "kest_client -t 3 -e " ""
-check "kest_client query.txt" ""
+formats="ascii csv html json markdown raw tsv unicode vertical"
+# One case a line: the words typed (the cursor after the last; a trailing blank starts an empty
+# word), "=>", and the sorted completions expected (nothing: none may be offered).
+while IFS= read -r row; do
+  [[ -z $row || $row == '#'* ]] && continue
+  words=${row%%=>*} expected=${row#*=>}
+  words=${words% } expected=${expected# }
+  check "kest_client $words" "$expected"
+done <<ROWS
+# Option names, long and short.
+--ou => --output
+--p => --passfile --ping --port
+--f => --file --format
+--no => --no-header --nounicode
+--ti => --timeout --timing
+--in => --interactive
+--qu => --quiet
+-- => $all_long
+- => $all
+-p -i  => $all
+# After an option without a value, the options again.
+--no-header  => $all
+--quiet --timing --interactive -- => $all_long
+# Classic output modes after -o; every format name after --format, in both spellings.
+-o  => ascii html raw unicode
+-o u => unicode
+--output = r => raw
+-n --output h => html
+--format  => $formats
+--format = => $formats
+--format a => ascii
+--format = c => csv
+--format h => html
+--format j => json
+--format = m => markdown
+--format r => raw
+--format t => tsv
+--format u => unicode
+--format v => vertical
+--format x =>
+# File names after -f, -a and -c, also after the new options.
+-f s => scores.txt script.kest
+--file scr => script.kest
+--file = scr => script.kest
+-a sc => scores.txt script.kest
+--passfile = sco => scores.txt
+-c conf.d/ => conf.d/a.conf
+--config co => conf.d
+--interactive -f s => scores.txt script.kest
+--format csv -c co => conf.d
+# A value that is a number, a query or a text: nothing, not even file names.
+-P  =>
+-t 3 -e  =>
+--timeout  =>
+--timeout s =>
+--timeout = 1 =>
+--null  =>
+--null s =>
+--null = s =>
+# No positional arguments.
+query.txt =>
+ROWS
 echo "$pass passed, $fail failed"
 [ "$fail" -eq 0 ]
 EOF
