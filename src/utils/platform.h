@@ -60,6 +60,11 @@ using InterruptNotify = void (*)();
 void platform_watch_interrupts(bool watch, InterruptNotify notify);
 // Interrupts seen while watched, since the process started.
 uint32_t platform_interrupt_count();
+// Gives an interrupt that ended a read the time to be counted before the reader looks: on
+// Windows the console's handler runs on a thread of its own, which may count the interrupt only
+// after the read it ended has returned (as if the input had ended); elsewhere the count is
+// already made when the read returns, and this returns at once.
+void platform_settle_interrupts();
 // A write to a pipe whose reader has gone: while watched it calls `notify` (as above) and the
 // write fails, instead of the process ending (POSIX SIGPIPE). Windows has nothing to watch.
 void platform_watch_broken_pipe(bool watch, InterruptNotify notify);

@@ -96,6 +96,8 @@ void platform_watch_interrupts(bool watch, InterruptNotify notify) {
 
 uint32_t platform_interrupt_count() { return interrupts.load(std::memory_order_relaxed); }
 
+void platform_settle_interrupts() {}
+
 void platform_watch_broken_pipe(bool watch, InterruptNotify notify) {
   broken_pipe_notify.store(watch ? notify : nullptr);
   watch_signal(SIGPIPE, watch, on_broken_pipe);

@@ -80,6 +80,10 @@ void platform_watch_interrupts(bool watch, InterruptNotify notify) {
 
 uint32_t platform_interrupt_count() { return interrupts.load(); }
 
+// The handler thread is started by the console when the event arrives; a few scheduler ticks
+// are enough for it to count.
+void platform_settle_interrupts() { Sleep(50); }
+
 // A write to a pipe whose reader has gone only fails here; there is no signal to watch.
 void platform_watch_broken_pipe(bool, InterruptNotify) {}
 

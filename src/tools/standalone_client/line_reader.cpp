@@ -193,6 +193,8 @@ ReadStatus line_reader_read(LineReader* reader, const std::string& prompt, std::
     status = read_plain_line(reader->options.in, line) ? ReadStatus::kLine : ReadStatus::kEnd;
     strip_line_end(line);
   }
+  // A read that an interrupt ended looks like the end of the input until the interrupt counts.
+  if (status == ReadStatus::kEnd) platform_settle_interrupts();
   if (platform_interrupt_count() != interrupts) {
     // The interrupted read leaves the stream's error flag set; the next read must try again.
     std::clearerr(reader->options.in);
