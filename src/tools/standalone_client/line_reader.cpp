@@ -7,9 +7,12 @@
 #if KEST_HAVE_LIBEDIT
 #include <dlfcn.h>
 #include <histedit.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <clocale>
+#include <cwchar>
 #endif
 
 namespace {
@@ -92,7 +95,7 @@ bool can_edit() { return edit_library() != nullptr; }
 class Editor {
  public:
   // REQUIRES: can_edit().
-  Editor(std::FILE* in, std::FILE* out, size_t history_size) : lib_(*edit_library()) {
+  Editor(std::FILE* in, std::FILE* out, size_t history_size) : lib_(*edit_library()), in_(in) {
     std::setlocale(LC_CTYPE, "");  // multibyte characters are edited as characters
     history_ = lib_.history_init();
     HistEvent event;
@@ -102,6 +105,7 @@ class Editor {
     lib_.el_set(el_, EL_CLIENTDATA, this);
     lib_.el_set(el_, EL_PROMPT, &Editor::prompt_of);
     lib_.el_set(el_, EL_EDITOR, "emacs");
+    lib_.el_set(el_, EL_GETCFN, &Editor::read_char);
     lib_.el_set(el_, EL_HIST, lib_.history, history_);
     lib_.el_source(el_, nullptr);
   }
@@ -121,6 +125,11 @@ class Editor {
     prompt_ = prompt;
     int count = 0;
     errno = 0;
+    // The terminal goes into the editor's mode before the prompt shows: el_gets prints the
+    // prompt first, and keys typed on seeing it would otherwise meet a terminal that still
+    // echoes and edits lines by itself.
+    lib_.el_set(el_, EL_PREP_TERM, 1);
+    interrupts_ = platform_interrupt_count();
     const char* text = lib_.el_gets(el_, &count);
     if (!text) return count < 0 && errno == EINTR ? ReadStatus::kInterrupted : ReadStatus::kEnd;
     line->assign(text, static_cast<size_t>(count));
@@ -129,6 +138,43 @@ class Editor {
   }
 
  private:
+  // How long a wait for a key lasts before the interrupt count is looked at again.
+  static constexpr int kKeyWaitMs = 100;
+
+  // The editor's reads of the terminal, one character at a time. An interrupt is seen even when
+  // it comes while the editor is busy between two reads (its signal then meets no blocked read
+  // to cut short): the wait for a key looks at the count at least every kKeyWaitMs.
+  static int read_char(EditLine* el, wchar_t* out) {
+    Editor* self = nullptr;
+    edit_library()->el_get(el, EL_CLIENTDATA, &self);
+    const int fd = fileno(self->in_);
+    std::mbstate_t state{};
+    for (;;) {
+      if (platform_interrupt_count() != self->interrupts_) {
+        errno = EINTR;
+        return -1;
+      }
+      pollfd pfd{fd, POLLIN, 0};
+      const int ready = poll(&pfd, 1, kKeyWaitMs);
+      if (ready == 0 || (ready < 0 && errno == EINTR)) continue;
+      if (ready < 0) return -1;
+      char byte = 0;
+      const ssize_t n = ::read(fd, &byte, 1);
+      if (n == 0) return 0;
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        return -1;
+      }
+      const size_t r = std::mbrtowc(out, &byte, 1, &state);
+      if (r == static_cast<size_t>(-2)) continue;  // a character of several bytes, not complete
+      if (r == static_cast<size_t>(-1)) {          // not a character here: the byte as it is
+        *out = static_cast<unsigned char>(byte);
+        state = std::mbstate_t{};
+      }
+      return 1;
+    }
+  }
+
   static char* prompt_of(EditLine* el) {
     Editor* self = nullptr;
     edit_library()->el_get(el, EL_CLIENTDATA, &self);
@@ -136,6 +182,8 @@ class Editor {
   }
 
   const EditLibrary& lib_;
+  std::FILE* in_;
+  uint32_t interrupts_ = 0;  // the count when the current read began
   EditLine* el_ = nullptr;
   History* history_ = nullptr;
   std::string prompt_;
