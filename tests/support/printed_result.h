@@ -58,7 +58,12 @@ class PrintedResult {
   PrintedResult(const PrintedResult&) = delete;
   PrintedResult& operator=(const PrintedResult&) = delete;
 
-  ResultPrinter* open(OutputMode mode, const PrintOptions& options = {}) {
+  // Through either form of printer_open: without options, or with them.
+  ResultPrinter* open(OutputMode mode) {
+    return printer_open(file_, static_cast<int32_t>(cols_.size()), names_.data(), types_.data(),
+                        ltypes_.data(), isconst_.data(), mode);
+  }
+  ResultPrinter* open(OutputMode mode, const PrintOptions& options) {
     return printer_open(file_, static_cast<int32_t>(cols_.size()), names_.data(), types_.data(),
                         ltypes_.data(), isconst_.data(), mode, options);
   }
