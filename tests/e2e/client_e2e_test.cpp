@@ -4,26 +4,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
 #include "kernel/ltype.h"
-#include "support/run_process.h"
+#include "support/e2e.h"
 #include "support/scripted_peer.h"
 #include "tools/refserver/parser.h"
 #include "tools/refserver/relation.h"
-#include "tools/refserver/server.h"
 #include "utils/context.h"
 
 namespace {
@@ -31,7 +27,6 @@ namespace {
 using namespace kest_test;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
-using Args = std::vector<std::string>;
 
 const std::string kVersion =
     "kest-vs9-OPTXPROF-64(branches/zn2.50) built on Oct 19 2012 01:09:04 with Microsoft "
@@ -71,63 +66,19 @@ size_t count_of(const std::string& text, const std::string& what) {
 
 class ClientE2E : public testing::Test {
  protected:
-  void SetUp() override {
-    home_ = fs::temp_directory_path() / ("kest_e2e_" + std::to_string(std::random_device{}()));
-    fs::create_directories(home_);
-    types_init();
-  }
-  void TearDown() override {
-    stop();
-    fs::remove_all(home_);
-  }
-
   ProcessResult run(Args args, std::string input = "") {
-    args.insert(args.begin(), KEST_CLIENT_BIN);
-    ProcessOptions options;
-    options.stdin_text = std::move(input);
-    options.env = {{"HOME", home_.string()}, {"USERPROFILE", home_.string()}, {"ZNLOG", {}}};
-    options.time_limit = std::chrono::seconds(20);
-    ProcessResult r = run_process(args, options);
-    EXPECT_EQ(r.error, "");
-    EXPECT_FALSE(r.timed_out);
-    return r;
+    return run_client(home_, std::move(args), std::move(input));
   }
-  // The same against the server on `port` of 127.0.0.1.
   ProcessResult run_at(uint16_t port, Args args, std::string input = "") {
-    args.insert(args.begin(), {"-h", "127.0.0.1", "-P", std::to_string(port), "-t", "1"});
-    return run(std::move(args), std::move(input));
+    return run(at_port(port, std::move(args)), std::move(input));
   }
-
-  std::string write(const std::string& name, const std::string& contents) {
-    const fs::path p = home_ / name;
-    std::ofstream(p, std::ios::binary) << contents;
-    return p.string();
-  }
-
-  // Starts a reference server (stopping the one before).
-  void start(ServerOptions options = {}) {
-    stop();
-    options_ = std::move(options);
-    options_.host = "127.0.0.1";
-    options_.port = 0;
-    const int32_t listener = server_listen(options_, &port_);
-    ASSERT_GE(listener, 0);
-    server_ = std::thread([this, listener] { server_serve(listener, options_, stop_); });
-  }
-  void stop() {
-    stop_.store(true);
-    if (server_.joinable()) server_.join();
-    stop_.store(false);
-  }
-  ProcessResult client(Args args) { return run_at(port_, std::move(args)); }
+  void start(ServerOptions options = {}) { ASSERT_NE(server_.start(std::move(options)), 0); }
+  ProcessResult client(Args args) { return run_at(server_.port(), std::move(args)); }
   // abort(): a signal on POSIX, exit code 3 on Windows.
   static bool aborted(const ProcessResult& r) { return !r.exited || r.raw_code == 3; }
 
-  fs::path home_;
-  ServerOptions options_;
-  uint16_t port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread server_;
+  TempDir home_{"kest_e2e"};
+  RefServer server_;
 };
 
 TEST_F(ClientE2E, VersionPrintsTheProgramNameAsTypedAndTheBuildLine) {
@@ -150,8 +101,8 @@ TEST_F(ClientE2E, RefusedOptionsPrintTheUsageAndFail) {
 // The usage text shows the port of the merged layers: the per-user file in HOME, then the files
 // of -c, then the command line, whatever the order of the options.
 TEST_F(ClientE2E, UsageShowsThePortOfTheSettingsLayers) {
-  write(".quillmarke.conf", "[client]\nport = 2468\n");
-  const std::string conf = write("client.conf", "# test settings\n[client]\nport = 4321\n");
+  home_.write(".quillmarke.conf", "[client]\nport = 2468\n");
+  const std::string conf = home_.write("client.conf", "# test settings\n[client]\nport = 4321\n");
   const struct {
     Args args;
     const char* port;
@@ -187,7 +138,7 @@ const std::string kErrorLine = "Error: Parse error in q at line 1, column 2: bad
 // Which queries are sent (the text of -e before the file of -f before standard input), which run,
 // and the exit status: the server answers each query it reads with the next reply of the row.
 TEST_F(ClientE2E, QueriesSentAndTheExitStatus) {
-  const std::string file = write("queries.txt", "file_1; file_2;");
+  const std::string file = home_.write("queries.txt", "file_1; file_2;");
   const struct {
     Args args;
     std::string input;
@@ -345,8 +296,9 @@ TEST_F(ClientE2E, ASilentServerTimesOutAndTheNextQueryReconnects) {
   ServerOptions o;
   o.fault = Fault::no_answer;
   start(o);
-  const std::string where = "no data from the server at 127.0.0.1:" + std::to_string(port_);
-  const std::string settings = write("timeout.conf", "[client]\ntimeout = 0.3\n");
+  const std::string where =
+      "no data from the server at 127.0.0.1:" + std::to_string(server_.port());
+  const std::string settings = home_.write("timeout.conf", "[client]\ntimeout = 0.3\n");
   for (const Args& timeout :
        {Args{"--timeout", "0.3"}, Args{"--timeout=0.3"}, Args{"-c", settings}}) {
     Args args = timeout;
@@ -516,9 +468,9 @@ TEST_F(ClientE2E, CsvAndJsonReadByRealParsersGiveTheServersValues) {
   ASSERT_EQ(csv.status, 0) << csv.err;
   ASSERT_EQ(json.status, 0) << json.err;
   EXPECT_EQ(csv.err + json.err, "") << "--quiet leaves standard error to errors";
-  const std::string script = write("read_formats.py", kReaderScript);
-  const std::string csv_file = write("result.csv", csv.out);
-  const std::string json_file = write("result.json", json.out);
+  const std::string script = home_.write("read_formats.py", kReaderScript);
+  const std::string csv_file = home_.write("result.csv", csv.out);
+  const std::string json_file = home_.write("result.json", json.out);
   ProcessOptions options;
   options.time_limit = std::chrono::seconds(120);
   const ProcessResult read = run_process({python, script, csv_file, json_file}, options);
@@ -606,7 +558,7 @@ TEST_F(ClientE2E, FormatOptionsAsAUserMeetsThem) {
 
   // The same from a settings file; the command line wins over it.
   const std::string conf =
-      write("formats.conf", "[client]\nformat = tsv\nnull = NA\ntiming = no\nquiet = yes\n");
+      home_.write("formats.conf", "[client]\nformat = tsv\nnull = NA\ntiming = no\nquiet = yes\n");
   const char* const query = "Project(Array([i=2]), [n = nullif(i, 0)])";
   const ProcessResult from_file = client({"-c", conf, "-e", query});
   EXPECT_EQ(from_file.out, "n\nNA\n1\n");

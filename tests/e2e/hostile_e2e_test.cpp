@@ -5,24 +5,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <filesystem>
-#include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "kernel/ltype.h"
-#include "support/run_process.h"
+#include "support/e2e.h"
 #include "support/scripted_peer.h"
-#include "tools/refserver/server.h"
 
 namespace {
 
 using namespace kest_test;
 using testing::HasSubstr;
-namespace fs = std::filesystem;
-using Args = std::vector<std::string>;
 
 std::string repeat(const std::string& s, int n) {
   std::string out;
@@ -41,57 +33,20 @@ std::string first_difference(const std::string& got, const std::string& want) {
 
 class HostileE2E : public testing::Test {
  protected:
-  void SetUp() override {
-    home_ = fs::temp_directory_path() / ("kest_hostile_" + std::to_string(std::random_device{}()));
-    fs::create_directories(home_);
-    types_init();
-  }
-  void TearDown() override {
-    stop_server();
-    fs::remove_all(home_);
-  }
-
-  // The client against `port` of 127.0.0.1, standard input fed from `input`.
   ProcessResult client(uint16_t port, Args args, std::string input = "") {
-    args.insert(args.begin(),
-                {KEST_CLIENT_BIN, "-h", "127.0.0.1", "-P", std::to_string(port), "-t", "1"});
-    ProcessOptions options;
-    options.stdin_text = std::move(input);
-    options.env = {{"HOME", home_.string()}, {"USERPROFILE", home_.string()}, {"ZNLOG", {}}};
-    options.time_limit = std::chrono::seconds(60);
-    ProcessResult r = run_process(args, options);
-    EXPECT_EQ(r.error, "");
-    EXPECT_FALSE(r.timed_out);
-    return r;
+    return run_client(home_, at_port(port, std::move(args)), std::move(input),
+                      std::chrono::seconds(60));
   }
 
-  // A reference server on a thread of this process.
-  uint16_t start_server() {
-    options_.host = "127.0.0.1";
-    options_.port = 0;
-    uint16_t port = 0;
-    const int32_t listener = server_listen(options_, &port);
-    EXPECT_GE(listener, 0);
-    server_ = std::thread([this, listener] { server_serve(listener, options_, stop_); });
-    return port;
-  }
-  void stop_server() {
-    stop_.store(true);
-    if (server_.joinable()) server_.join();
-    stop_.store(false);
-  }
-
-  fs::path home_;
-  ServerOptions options_;
-  std::atomic<bool> stop_{false};
-  std::thread server_;
+  TempDir home_{"kest_hostile"};
+  RefServer server_;
 };
 
 // Some systems open a directory for reading and fail only its first read; the client refuses it
 // when it scans -f, as a missing file, and never connects (nothing listens on port 1).
 TEST_F(HostileE2E, DirectoryAsQueryFileIsRefused) {
-  for (const std::string& dir : {home_.string(), home_.string() + "/"}) {
-    const ProcessResult r = client(1, {"-f", dir});
+  for (const std::string& dir : {home_.path().string(), home_.path().string() + "/"}) {
+    const ProcessResult r = client(1, {"-f", dir, "-e", "q"});  // the scan ends at -f
     EXPECT_TRUE(r.exited);
     EXPECT_EQ(r.status, -1);
     EXPECT_EQ(r.err, "\nError: cannot read file '" + dir + "'\n");
@@ -103,7 +58,7 @@ TEST_F(HostileE2E, DirectoryAsQueryFileIsRefused) {
 // buffer's first size) comes whole from standard input, between thousands of short ones: the
 // server reads the end of its 3 MB literal.
 TEST_F(HostileE2E, StatementLongerThanEveryBufferRunsWhole) {
-  const uint16_t port = start_server();
+  const uint16_t port = server_.start();
   const std::string text = repeat("0123456789", 300000) + "tail";
   const std::string script = repeat("Array([i=1]);\n", 2000) +
                              "Project(Array([i=1]), [s = substr('" + text + "', 3000001)]);\n" +
@@ -118,7 +73,7 @@ TEST_F(HostileE2E, StatementLongerThanEveryBufferRunsWhole) {
 // Queries nested far too deep are a parse error, the server serves on (the next query on the
 // same connection runs), and the deepest accepted nesting runs on a server thread's stack.
 TEST_F(HostileE2E, DeepNestingIsAParseErrorAndTheServerServesOn) {
-  const uint16_t port = start_server();
+  const uint16_t port = server_.start();
   const std::string script =
       repeat("Project(", 20000) + ";\n" +  // unclosed
       "Project(Array([i=1]), [a = " + repeat("!(", 20000) + "true" + repeat(")", 20000) + "]);\n" +

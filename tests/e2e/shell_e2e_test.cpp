@@ -5,21 +5,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <random>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "kernel/ltype.h"
+#include "support/e2e.h"
 #include "support/pty_process.h"
-#include "support/run_process.h"
-#include "tools/refserver/server.h"
 #include "tools/standalone_client/line_reader.h"
 
 namespace {
@@ -29,34 +22,12 @@ using namespace std::chrono_literals;
 using testing::HasSubstr;
 using testing::Not;
 namespace fs = std::filesystem;
-using Args = std::vector<std::string>;
-
-std::string read_file(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 // A reference server on a thread of the test, and the client run against it.
 class ShellE2E : public testing::Test {
  protected:
-  void SetUp() override {
-    home_ = fs::temp_directory_path() / ("kest_shell_" + std::to_string(std::random_device{}()));
-    fs::create_directories(home_);
-    types_init();  // the server's value types
-    options_.host = "127.0.0.1";
-    options_.port = 0;
-    const int32_t listener = server_listen(options_, &port_);
-    ASSERT_GE(listener, 0);
-    server_ = std::thread([this, listener] { server_serve(listener, options_, stop_); });
-  }
-  void TearDown() override {
-    pty_.reset();
-    stop_.store(true);
-    if (server_.joinable()) server_.join();
-    fs::remove_all(home_);
-  }
+  void SetUp() override { ASSERT_NE(port_ = server_.start(), 0); }
+  void TearDown() override { pty_.reset(); }
 
   std::string where() const { return "127.0.0.1:" + std::to_string(port_); }
   std::string prompt() const { return where() + "> "; }
@@ -64,13 +35,13 @@ class ShellE2E : public testing::Test {
     return std::string(where().size() - 1, ' ') + mark;
   }
   Args client_args(const Args& extra) const {
-    Args args = {KEST_CLIENT_BIN, "-h", "127.0.0.1", "-P", std::to_string(port_), "-t", "1"};
-    args.insert(args.end(), extra.begin(), extra.end());
+    Args args = at_port(port_, extra);
+    args.insert(args.begin(), KEST_CLIENT_BIN);
     return args;
   }
   PtyProcess::Env env(const PtyProcess::Env& more = {}) const {
-    PtyProcess::Env e = {{"HOME", home_.string()},
-                         {"USERPROFILE", home_.string()},
+    PtyProcess::Env e = {{"HOME", home_.path().string()},
+                         {"USERPROFILE", home_.path().string()},
                          {"ZNLOG", {}},
                          {"KEST_HISTORY", {}},
                          {"KEST_PAGER", {}},
@@ -94,21 +65,12 @@ class ShellE2E : public testing::Test {
   }
 
   ProcessResult run_piped(const Args& extra, const std::string& input) {
-    ProcessOptions options;
-    options.stdin_text = input;
-    options.env = {{"HOME", home_.string()}, {"USERPROFILE", home_.string()}, {"ZNLOG", {}}};
-    options.time_limit = 20s;
-    ProcessResult r = run_process(client_args(extra), options);
-    EXPECT_EQ(r.error, "");
-    EXPECT_FALSE(r.timed_out);
-    return r;
+    return run_client(home_, at_port(port_, extra), input);
   }
 
-  fs::path home_;
-  ServerOptions options_;
+  TempDir home_{"kest_shell"};
+  RefServer server_;
   uint16_t port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread server_;
   std::unique_ptr<PtyProcess> pty_;
 };
 
@@ -251,8 +213,8 @@ TEST_F(ShellAtTerminal, MetaCommandsChangeTheFormatTheOutputAndTheTiming) {
 
 TEST_F(ShellAtTerminal, IncludeRunsAFileAndConnectMovesToAnotherServer) {
   start_shell();
-  std::ofstream(home_ / "script.kest") << "Array([i=1]);\nnosuch;\nArray([i=2]);\n";
-  const std::string out = type("\\i " + (home_ / "script.kest").string());
+  const std::string out =
+      type("\\i " + home_.write("script.kest", "Array([i=1]);\nnosuch;\nArray([i=2]);\n"));
   EXPECT_THAT(out, HasSubstr("(1 row)"));
   EXPECT_THAT(out, HasSubstr("Error: Unknown relation nosuch."));
   EXPECT_THAT(out, HasSubstr("(2 rows)"));

@@ -58,13 +58,19 @@ class PrintedResult {
   PrintedResult(const PrintedResult&) = delete;
   PrintedResult& operator=(const PrintedResult&) = delete;
 
-  ResultPrinter* open(OutputMode mode, const PrintOptions& options = {}) {
+  // Through either form of printer_open: without options, or with them.
+  ResultPrinter* open(OutputMode mode) {
+    return printer_open(file_, static_cast<int32_t>(cols_.size()), names_.data(), types_.data(),
+                        ltypes_.data(), isconst_.data(), mode);
+  }
+  ResultPrinter* open(OutputMode mode, const PrintOptions& options) {
     return printer_open(file_, static_cast<int32_t>(cols_.size()), names_.data(), types_.data(),
                         ltypes_.data(), isconst_.data(), mode, options);
   }
 
-  // Prints `count` rows starting at row `start` of every non-constant column.
-  void rows(ResultPrinter* p, int64_t start, int64_t count) {
+  // Prints `count` rows starting at row `start` of every non-constant column, through
+  // `selection` when given.
+  void rows(ResultPrinter* p, int64_t start, int64_t count, const int32_t* selection = nullptr) {
     std::vector<void*> data;
     for (size_t i = 0; i < cols_.size(); ++i) {
       const int64_t skip = cols_[i].isconst ? 0 : start;
@@ -73,7 +79,7 @@ class PrintedResult {
       else
         data.push_back(pointers_[i].data() + skip);
     }
-    printer_rows(p, data.data(), nullptr, count);
+    printer_rows(p, data.data(), selection, count);
   }
 
   // One printer_rows call per entry of `batches`, then the footer; everything printed.
@@ -90,7 +96,8 @@ class PrintedResult {
     return contents();
   }
 
-  // What has reached the file.
+  std::FILE* file() const { return file_; }
+  // What has reached the file; the printer's own block is not flushed here.
   std::string contents() {
     std::fflush(file_);
     const long end = std::ftell(file_);
@@ -110,6 +117,9 @@ class PrintedResult {
   std::vector<int32_t> isconst_;
   std::vector<std::vector<const char*>> pointers_;
 };
+
+// Goldens are raw literals that start on the line after the opening delimiter.
+inline std::string golden(const char* text) { return text[0] == '\n' ? text + 1 : text; }
 
 inline std::string print(OutputMode mode, std::vector<Col> cols,
                          const std::vector<int64_t>& batches, const PrintOptions& options = {}) {

@@ -35,35 +35,11 @@ bool PtyProcess::read_some(std::chrono::steady_clock::time_point) { return false
 #include <cerrno>
 #include <cstdlib>
 
-extern char** environ;
-
 namespace kest_test {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// The environment the child gets, built before fork: the child of a threaded test may only
-// call async-signal-safe functions.
-std::vector<std::string> child_environment(const PtyProcess::Env& changes) {
-  std::vector<std::string> env;
-  for (char** e = environ; *e; ++e) env.emplace_back(*e);
-  for (const auto& [name, value] : changes) {
-    const std::string prefix = name + "=";
-    env.erase(std::remove_if(env.begin(), env.end(),
-                             [&](const std::string& s) { return s.rfind(prefix, 0) == 0; }),
-              env.end());
-    if (value) env.push_back(prefix + *value);
-  }
-  return env;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& strings) {
-  std::vector<char*> out;
-  for (std::string& s : strings) out.push_back(s.data());
-  out.push_back(nullptr);
-  return out;
-}
 
 [[noreturn]] void run_child(const char* slave, char* const* argv, char* const* envp) {
   setsid();
@@ -101,10 +77,9 @@ bool PtyProcess::start(const std::vector<std::string>& argv, const Env& env) {
   size.ws_row = 24;
   size.ws_col = 80;
   ioctl(master_, TIOCSWINSZ, &size);
-  std::vector<std::string> args = argv;
-  std::vector<std::string> environment = child_environment(env);
-  std::vector<char*> arg_pointers = pointers(args);
-  std::vector<char*> env_pointers = pointers(environment);
+  // Built before fork: the child of a threaded test may only call async-signal-safe functions.
+  std::vector<std::string> args = argv, environment = environment_with(env);
+  const std::vector<char*> arg_pointers = c_strings(args), env_pointers = c_strings(environment);
   pid_ = fork();
   if (pid_ < 0) {
     error_ = std::string("fork: ") + std::strerror(errno);

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/run_process.h"
+
 namespace kest_test {
 
 // Keys as a terminal sends them (emacs bindings, cursor keys in normal mode).
@@ -27,7 +29,7 @@ inline constexpr std::string_view kLeft = "\x1b[D";
 
 class PtyProcess {
  public:
-  using Env = std::vector<std::pair<std::string, std::optional<std::string>>>;
+  using Env = EnvChanges;
 
   // False where the platform has no pseudo-terminals (start() then fails).
   static bool supported();

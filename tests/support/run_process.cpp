@@ -39,30 +39,6 @@ long write_some(Handle h, const char* buf, size_t len) { return write(h, buf, le
 void close_handle(Handle h) { close(h); }
 #endif
 
-// The inherited "NAME=value" entries with the overrides applied. Names compare without case, as
-// Windows compares them.
-std::vector<std::string> environment(const ProcessOptions& options) {
-  std::vector<std::string> entries;
-#if defined(_WIN32)
-  char* block = GetEnvironmentStringsA();
-  for (const char* p = block; p && *p; p += std::strlen(p) + 1) entries.emplace_back(p);
-  if (block) FreeEnvironmentStringsA(block);
-#else
-  for (char** e = environ; *e; ++e) entries.emplace_back(*e);
-#endif
-  for (const auto& change : options.env) {
-    const std::string& name = change.first;
-    std::erase_if(entries, [&name](const std::string& e) {
-      const auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
-      return e.size() > name.size() && e[name.size()] == '=' &&
-             std::equal(name.begin(), name.end(), e.begin(),
-                        [&](char a, char b) { return lower(a) == lower(b); });
-    });
-    if (change.second) entries.push_back(name + "=" + *change.second);
-  }
-  return entries;
-}
-
 // One thread feeds the child's standard input, one drains each output; each closes its handle.
 std::vector<std::thread> start_streams(Handle in, Handle out, Handle err,
                                        const std::optional<std::string>& input, ProcessResult* r) {
@@ -89,6 +65,28 @@ void join(std::vector<std::thread>& threads) {
 }
 
 }  // namespace
+
+std::vector<std::string> environment_with(const EnvChanges& changes) {
+  std::vector<std::string> entries;
+#if defined(_WIN32)
+  char* block = GetEnvironmentStringsA();
+  for (const char* p = block; p && *p; p += std::strlen(p) + 1) entries.emplace_back(p);
+  if (block) FreeEnvironmentStringsA(block);
+#else
+  for (char** e = environ; *e; ++e) entries.emplace_back(*e);
+#endif
+  for (const auto& change : changes) {
+    const std::string& name = change.first;
+    std::erase_if(entries, [&name](const std::string& e) {
+      const auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
+      return e.size() > name.size() && e[name.size()] == '=' &&
+             std::equal(name.begin(), name.end(), e.begin(),
+                        [&](char a, char b) { return lower(a) == lower(b); });
+    });
+    if (change.second) entries.push_back(name + "=" + *change.second);
+  }
+  return entries;
+}
 
 #if defined(_WIN32)
 
@@ -130,7 +128,7 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
   ProcessResult r;
   std::string cmdline, env_block;
   for (const std::string& a : argv) cmdline.append(cmdline.empty() ? "" : " ").append(quote_arg(a));
-  for (const std::string& e : environment(options)) env_block.append(e).push_back('\0');
+  for (const std::string& e : environment_with(options.env)) env_block.append(e).push_back('\0');
   env_block.push_back('\0');
   HANDLE in[2], out[2], err[2];
   make_pipe(in, true);
@@ -176,12 +174,8 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOpt
 ProcessResult run_process(const std::vector<std::string>& argv, const ProcessOptions& options) {
   ProcessResult r;
   signal(SIGPIPE, SIG_IGN);  // a child that stops reading must not kill the test
-  std::vector<std::string> args = argv, env = environment(options);
-  std::vector<char*> c_args, c_env;
-  for (std::string& a : args) c_args.push_back(a.data());
-  for (std::string& e : env) c_env.push_back(e.data());
-  c_args.push_back(nullptr);
-  c_env.push_back(nullptr);
+  std::vector<std::string> args = argv, env = environment_with(options.env);
+  const std::vector<char*> c_args = c_strings(args), c_env = c_strings(env);
   int in[2], out[2], err[2];
   if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
     r.error = "cannot create pipes";

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -22,6 +23,13 @@ std::string be32(uint32_t value);
 std::string be64(int64_t value);
 std::string var(std::string_view bytes);   // length prefix and the bytes
 std::string frame(std::string_view body);  // the 4-byte total length, then the body
+// Fixed-size values of a data message, in the host's own byte order.
+template <typename T>
+std::string raw(std::initializer_list<T> values) {
+  std::string out;
+  for (T v : values) out.append(reinterpret_cast<const char*>(&v), sizeof v);
+  return out;
+}
 
 // Whole messages of a server's answer.
 struct Column {

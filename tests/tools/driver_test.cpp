@@ -5,12 +5,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <random>
 #include <string>
 #include <vector>
 
+#include "support/run_process.h"
+#include "support/temp_dir.h"
 #include "tools/standalone_client/client_globals.h"
 #include "utils/znconfig.h"
 
@@ -20,23 +19,19 @@ using testing::HasSubstr;
 
 // A store without the per-user file, and a run scanned from `args`, with what it printed.
 struct Scan {
-  std::vector<std::string> args;
-  std::vector<char*> argv;
+  kest_test::Argv args;
   ClientRun run;
   OptionsOutcome outcome;
   std::string out, err;
 
-  explicit Scan(std::vector<std::string> a) : args(std::move(a)) {
-    args.insert(args.begin(), "kest_client");
-    for (std::string& s : args) argv.push_back(s.data());
-    argv.push_back(nullptr);
+  explicit Scan(std::vector<std::string> a) : args("kest_client", std::move(a)) {
     run.config = znconfig_layer_create(
         nullptr, "cmdline",
         znconfig_layer_create(nullptr, "conffile", znconfig_schema_create()->defaults));
     print_results = 1;
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    outcome = client_scan_options(static_cast<int>(args.size()), argv.data(), &run);
+    outcome = client_scan_options(args.argc(), args.argv(), &run);
     out = testing::internal::GetCapturedStdout();
     err = testing::internal::GetCapturedStderr();
   }
@@ -51,13 +46,6 @@ struct Scan {
     return s ? s : "(null)";
   }
 };
-
-std::filesystem::path temp_file(const std::string& contents) {
-  auto path = std::filesystem::temp_directory_path() /
-              ("kest_driver_" + std::to_string(std::random_device{}()) + ".txt");
-  std::ofstream(path, std::ios::binary) << contents;
-  return path;
-}
 
 // Output mode, port and tries as the options leave them in the store: the last option counts, and
 // a refused value is logged and keeps the value below it.
@@ -114,8 +102,8 @@ TEST(ClientOptions, StringsQueryAndFlags) {
 // The -f file is opened when scanned; one that cannot be read ends the scan there. (The end-to-end
 // suite shows -v, the settings files of -c and the file error as a user meets them.)
 TEST(ClientOptions, FileIsOpenedWhenScanned) {
-  const auto query = temp_file("Array([i=0]);\n");
-  const std::string path = query.string();
+  const kest_test::TempDir dir("kest_driver");
+  const std::string path = dir.write("query.txt", "Array([i=0]);\n");
   {
     Scan s({"-f", path});
     EXPECT_EQ(s.outcome, OptionsOutcome::kRun);
@@ -124,21 +112,9 @@ TEST(ClientOptions, FileIsOpenedWhenScanned) {
   }
   const std::string missing = path + ".missing";
   Scan bad({"-e", "q1", "-f", missing, "-P", "70000"});
-  std::filesystem::remove(query);
   EXPECT_EQ(bad.outcome, OptionsOutcome::kExitFailed);
   EXPECT_EQ(bad.err, "\nError: cannot read file '" + missing + "'\n");  // -P never scanned
   EXPECT_EQ(bad.run.file, nullptr);
-}
-
-// A directory is refused when scanned, like a missing file, on every system (some open it and
-// only fail the first read, which would run nothing and succeed).
-TEST(ClientOptions, DirectoryIsRefusedLikeAMissingFile) {
-  const std::string dir = std::filesystem::temp_directory_path().string();
-  Scan s({"-f", dir, "-e", "q"});
-  EXPECT_EQ(s.outcome, OptionsOutcome::kExitFailed);
-  EXPECT_EQ(s.err, "\nError: cannot read file '" + dir + "'\n");
-  EXPECT_EQ(s.run.file, nullptr);
-  EXPECT_EQ(s.run.query, nullptr);  // the scan ended at -f
 }
 
 // Runs the client with standard input on a descriptor of `path` open for writing only, so that
@@ -147,20 +123,16 @@ TEST(ClientOptions, DirectoryIsRefusedLikeAMissingFile) {
   const int write_only = open(path.c_str(), O_WRONLY);
   if (write_only < 0 || dup2(write_only, fileno(stdin)) < 0) std::exit(3);
   close(write_only);
-  std::vector<std::string> args = {"kest_client", "-h", "127.0.0.1", "-P", "1"};
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  std::exit(kest_client_main(static_cast<int>(args.size()), argv.data()) == -1 ? 7 : 0);
+  kest_test::Argv args("kest_client", {"-h", "127.0.0.1", "-P", "1"});
+  std::exit(kest_client_main(args.argc(), args.argv()) == -1 ? 7 : 0);
 }
 
 // Standard input that fails at its first read: the run fails with the error and never connects
 // (port 1 of the loopback address, where nothing listens, would add its own error).
 TEST(ClientRunDeathTest, UnreadableStandardInputFailsTheRun) {
-  const auto path = temp_file("");
-  EXPECT_EXIT(run_on_unreadable_stdin(path.string()), testing::ExitedWithCode(7),
+  const kest_test::TempDir dir("kest_driver");
+  EXPECT_EXIT(run_on_unreadable_stdin(dir.write("empty", "")), testing::ExitedWithCode(7),
               "\nError: cannot read standard input\n$");
-  std::filesystem::remove(path);
 }
 
 // The output settings as the command line and a settings file below it leave them: a format,
@@ -171,30 +143,18 @@ TEST(ClientOutputSettings, CommandLineOverSettingsFile) {
     std::vector<std::string> args;
     const char* settings;  // the [client] section of a settings file
     OutputMode mode;
-    const char* null_text;
-    bool header, timing, quiet;
+    const char* null_text = nullptr;
+    bool header = true, timing = false, quiet = false;
   } cases[] = {
-      {{}, "", OutputMode::kAscii, nullptr, true, false, false},
-      {{"--format", "json"}, "", OutputMode::kJson, nullptr, true, false, false},
-      {{"--format=html"}, "", OutputMode::kHtml, nullptr, true, false, false},
-      {{"-o", "html", "--format", "csv"}, "", OutputMode::kCsv, nullptr, true, false, false},
-      {{"--format", "csv", "-r"}, "", OutputMode::kRaw, nullptr, true, false, false},
-      {{"--format", "csv", "-o", "CSV"}, "", OutputMode::kAscii, nullptr, true, false, false},
-      {{},
-       "format = vertical\noutput_mode = raw",
-       OutputMode::kVertical,
-       nullptr,
-       true,
-       false,
-       false},
-      {{"-u"}, "format = tsv", OutputMode::kUnicode, nullptr, true, false, false},
-      {{"--format", "markdown"},
-       "format = tsv",
-       OutputMode::kMarkdown,
-       nullptr,
-       true,
-       false,
-       false},
+      {{}, "", OutputMode::kAscii},
+      {{"--format", "json"}, "", OutputMode::kJson},
+      {{"--format=html"}, "", OutputMode::kHtml},
+      {{"-o", "html", "--format", "csv"}, "", OutputMode::kCsv},
+      {{"--format", "csv", "-r"}, "", OutputMode::kRaw},
+      {{"--format", "csv", "-o", "CSV"}, "", OutputMode::kAscii},
+      {{}, "format = vertical\noutput_mode = raw", OutputMode::kVertical},
+      {{"-u"}, "format = tsv", OutputMode::kUnicode},
+      {{"--format", "markdown"}, "format = tsv", OutputMode::kMarkdown},
       {{}, "null = NA\ntiming = yes\nquiet = on", OutputMode::kAscii, "NA", true, true, true},
       {{"--null", "", "--no-header", "--timing", "--quiet"},
        "null = NA",
@@ -255,11 +215,8 @@ TEST(ClientOptions, QuietIsFoundWhereTheScanReachesIt) {
       {{"--quieter"}, false},
   };
   for (const auto& c : cases) {
-    std::vector<std::string> args = c.args;
-    args.insert(args.begin(), "kest_client");
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    EXPECT_EQ(client_quiet_requested(static_cast<int>(argv.size()), argv.data()), c.quiet)
+    kest_test::Argv args("kest_client", c.args);
+    EXPECT_EQ(client_quiet_requested(args.argc(), args.argv()), c.quiet)
         << testing::PrintToString(c.args);
   }
 }
@@ -267,7 +224,8 @@ TEST(ClientOptions, QuietIsFoundWhereTheScanReachesIt) {
 // The shell runs without -e, -f and -p, at a terminal or when --interactive asks for it; the
 // options that name the queries always mean the classic run.
 TEST(ClientOptions, WhenTheShellRuns) {
-  const auto query = temp_file("Array([i=0]);\n");
+  const kest_test::TempDir dir("kest_driver");
+  const std::string query = dir.write("query.txt", "Array([i=0]);\n");
   const struct {
     std::vector<std::string> args;
     bool at_terminal, over_pipes;  // client_wants_shell with and without terminals
@@ -279,8 +237,8 @@ TEST(ClientOptions, WhenTheShellRuns) {
       {{"--interactive", "-e", "q"}, false, false},
       {{"-p"}, false, false},
       {{"--interactive", "-p"}, false, false},
-      {{"-f", query.string()}, false, false},
-      {{"--interactive", "-f", query.string()}, false, false},
+      {{"-f", query}, false, false},
+      {{"--interactive", "-f", query}, false, false},
       {{"-i", "-u"}, true, false},
   };
   for (const auto& c : cases) {
@@ -290,7 +248,6 @@ TEST(ClientOptions, WhenTheShellRuns) {
     EXPECT_EQ(client_wants_shell(s.run, true), c.at_terminal);
     EXPECT_EQ(client_wants_shell(s.run, false), c.over_pipes);
   }
-  std::filesystem::remove(query);
   // A long option without a value takes none; a short form does not exist.
   EXPECT_EQ(Scan({"--interactive=1"}).outcome, OptionsOutcome::kExitFailed);
   EXPECT_EQ(Scan({"--interactiv"}).outcome, OptionsOutcome::kExitFailed);

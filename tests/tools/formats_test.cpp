@@ -20,25 +20,16 @@ using namespace kest_test;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-// Goldens are raw literals that start on the line after the opening delimiter.
-std::string golden(const char* text) { return text[0] == '\n' ? text + 1 : text; }
-
-const char* name_of(OutputMode mode) {
-  switch (mode) {
-    case OutputMode::kCsv:
-      return "csv";
-    case OutputMode::kTsv:
-      return "tsv";
-    case OutputMode::kJson:
-      return "json";
-    case OutputMode::kMarkdown:
-      return "markdown";
-    case OutputMode::kVertical:
-      return "vertical";
-    default:
-      return "classic";
+// The names of the modes, in the order of OutputMode.
+std::vector<std::string> mode_names() {
+  std::vector<std::string> names(1);
+  for (char c : kOutputModeNames) {
+    if (c == ',') names.emplace_back();
+    if (c != ',' && c != ' ') names.back().push_back(c);
   }
+  return names;
 }
+std::string name_of(OutputMode mode) { return mode_names().at(static_cast<size_t>(mode)); }
 
 // Numbers: every integer width, decimals stored in 8 and 16 bytes and in a double (the last two
 // values of "dx" print through the double path of 2^63 and more, whose fraction lacks its leading
@@ -611,23 +602,12 @@ TEST(FormatReadBack, CsvAndTsvGiveBackTheStoredTexts) {
 }
 
 TEST(FormatNames, EveryNameAndNothingElse) {
-  const struct {
-    const char* name;
-    std::optional<OutputMode> mode;
-  } cases[] = {{"ascii", OutputMode::kAscii},
-               {"unicode", OutputMode::kUnicode},
-               {"raw", OutputMode::kRaw},
-               {"html", OutputMode::kHtml},
-               {"csv", OutputMode::kCsv},
-               {"tsv", OutputMode::kTsv},
-               {"json", OutputMode::kJson},
-               {"markdown", OutputMode::kMarkdown},
-               {"vertical", OutputMode::kVertical},
-               {"CSV", std::nullopt},
-               {"json ", std::nullopt},
-               {"", std::nullopt},
-               {"md", std::nullopt}};
-  for (const auto& c : cases) EXPECT_EQ(output_mode_by_name(c.name), c.mode) << c.name;
+  const std::vector<std::string> names = mode_names();
+  ASSERT_EQ(names.size(), 9u);
+  for (size_t i = 0; i < names.size(); ++i)
+    EXPECT_EQ(output_mode_by_name(names[i]), static_cast<OutputMode>(i)) << names[i];
+  for (const char* no : {"CSV", "json ", "", "md"})
+    EXPECT_EQ(output_mode_by_name(no), std::nullopt) << no;
 }
 
 }  // namespace

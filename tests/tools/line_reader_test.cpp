@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <random>
-#include <sstream>
 #include <string>
 #include <vector>
+
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -24,14 +23,9 @@ std::string read_all(FILE* file) {
 
 class LineReaderTest : public testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() / ("kest_reader_" + std::to_string(std::random_device{}()));
-    fs::create_directories(dir_);
-  }
   void TearDown() override {
     if (in_) std::fclose(in_);
     if (out_) std::fclose(out_);
-    fs::remove_all(dir_);
   }
   // A plain reader over `input`, its prompts to a file of its own.
   LineReaderPtr plain(const std::string& input, const std::string& history = "",
@@ -48,14 +42,7 @@ class LineReaderTest : public testing::Test {
     options.history_size = history_size;
     return line_reader_open(options);
   }
-  std::string file_text(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-
-  fs::path dir_;
+  kest_test::TempDir dir_{"kest_reader"};
   FILE* in_ = nullptr;
   FILE* out_ = nullptr;
 };
@@ -83,7 +70,7 @@ TEST_F(LineReaderTest, HistoryFileRoundTripsEntriesOfSeveralLines) {
   ASSERT_TRUE(history_append(path, "Array([i=1]);"));
   ASSERT_TRUE(history_append(path, "s(<<<END\na;\tb\nEND\n);"));
   ASSERT_TRUE(history_append(path, "\\timing on"));
-  EXPECT_EQ(file_text(path),
+  EXPECT_EQ(kest_test::read_file(path),
             "Array([i=1]);\ns(<<<END\x01"
             "a;\tb\x01"
             "END\x01);\n\\timing on\n");
@@ -106,13 +93,13 @@ TEST_F(LineReaderTest, TheFileKeepsTheNewestEntriesAndSkipsRepeats) {
   line_reader_remember(reader.get(), "6");
   line_reader_remember(reader.get(), "6");
   line_reader_remember(reader.get(), "5");
-  EXPECT_EQ(file_text(path), "3\n4\n5\n6\n5\n");
+  EXPECT_EQ(kest_test::read_file(path), "3\n4\n5\n6\n5\n");
 }
 
 TEST_F(LineReaderTest, NoHistoryFileWhenNoneIsNamed) {
   LineReaderPtr reader = plain("");
   line_reader_remember(reader.get(), "q;");
-  EXPECT_TRUE(fs::is_empty(dir_));
+  EXPECT_TRUE(fs::is_empty(dir_.path()));
 }
 
 }  // namespace

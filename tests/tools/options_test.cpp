@@ -7,27 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "support/run_process.h"
 #include "utils/znconfig.h"
 
 namespace {
 
-// An argument vector that owns its strings; argv[0] is the program name.
-struct Args {
-  std::vector<std::string> strings;
-  std::vector<char*> ptrs;
-  explicit Args(std::vector<std::string> args) : strings(std::move(args)) {
-    strings.insert(strings.begin(), "kest_client");
-    for (std::string& s : strings) ptrs.push_back(s.data());
-    ptrs.push_back(nullptr);
-  }
-  int argc() const { return static_cast<int>(strings.size()); }
-  char** argv() { return ptrs.data(); }
-};
-
 // Scans to the end or the first refusal: "p,i,." means -p, -i, end; "P=5000" an option with its
 // value; "?" a refusal (after which the client stops).
 std::string scan(std::vector<std::string> args) {
-  Args a(std::move(args));
+  kest_test::Argv a("kest_client", std::move(args));
   OptionCursor cursor;
   std::string seq;
   for (int guard = 0; guard < 64; ++guard) {

@@ -3,112 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
-#include "kernel/ltype.h"
 #include "kernel/s128.h"
+#include "support/printed_result.h"
 
 namespace {
 
-// One result column, stored as the reception stores it: fixed-size values one after another,
-// text values as one pointer per value.
-struct Col {
-  std::string name;
-  uint32_t ltype;
-  std::vector<unsigned char> bytes;
-  std::vector<std::string> texts;
-  bool isconst = false;
-};
-
-// Values stored as T, which must be the width of the physical type the logical type uses.
-template <typename T>
-Col col(std::string name, const char* type, std::vector<T> values, bool isconst = false) {
-  Col c{std::move(name), ltype_parse(type), {}, {}, isconst};
-  c.bytes.resize(values.size() * sizeof(T));
-  if (!values.empty()) std::memcpy(c.bytes.data(), values.data(), c.bytes.size());
-  return c;
-}
-
-Col strs(std::string name, const char* type, std::vector<std::string> values) {
-  return Col{std::move(name), ltype_parse(type), {}, std::move(values)};
-}
-
-// A printer over `cols` writing to a temporary file; rows() hands it the data areas advanced past
-// the rows already printed.
-struct Render {
-  std::vector<Col> cols;
-  FILE* file = std::tmpfile();
-  std::vector<char*> names;
-  std::vector<const PhysicalType*> types;
-  std::vector<uint32_t> ltypes;
-  std::vector<int32_t> isconst;
-  std::vector<std::vector<const char*>> pointers;
-
-  explicit Render(std::vector<Col> columns) : cols(std::move(columns)) {
-    types_init();
-    for (Col& c : cols) {
-      names.push_back(c.name.data());
-      types.push_back(ltype_physical(c.ltype));
-      ltypes.push_back(c.ltype);
-      isconst.push_back(c.isconst);
-      pointers.emplace_back();
-      for (const std::string& t : c.texts) pointers.back().push_back(t.c_str());
-    }
-  }
-  ~Render() {
-    if (file) std::fclose(file);
-  }
-
-  ResultPrinter* open(OutputMode mode) {
-    return printer_open(file, static_cast<int32_t>(cols.size()), names.data(), types.data(),
-                        ltypes.data(), isconst.data(), mode);
-  }
-
-  void rows(ResultPrinter* p, int64_t start, int64_t count, const int32_t* selection = nullptr) {
-    std::vector<void*> data;
-    for (size_t i = 0; i < cols.size(); ++i) {
-      const int64_t skip = cols[i].isconst ? 0 : start;
-      if (cols[i].texts.empty())
-        data.push_back(cols[i].bytes.data() + skip * ptype_width(types[i]));
-      else
-        data.push_back(pointers[i].data() + skip);
-    }
-    printer_rows(p, data.data(), selection, count);
-  }
-
-  // One printer_rows call per entry of `batches`, then the footer.
-  std::string run(OutputMode mode, const std::vector<int64_t>& batches) {
-    ResultPrinter* p = open(mode);
-    EXPECT_NE(p, nullptr);
-    int64_t start = 0;
-    for (int64_t n : batches) {
-      rows(p, start, n);
-      start += n;
-    }
-    printer_close(p);
-    return contents();
-  }
-
-  // What has reached the file; the printer's own block is not flushed here.
-  std::string contents() {
-    std::fflush(file);
-    const long end = std::ftell(file);
-    std::string text(static_cast<size_t>(end), '\0');
-    std::rewind(file);
-    text.resize(std::fread(text.data(), 1, text.size(), file));
-    std::fseek(file, end, SEEK_SET);
-    return text;
-  }
-};
-
-std::string render(OutputMode mode, std::vector<Col> cols, const std::vector<int64_t>& batches) {
-  return Render(std::move(cols)).run(mode, batches);
-}
-
-// Goldens are raw literals that start on the line after the opening delimiter.
-std::string golden(const char* text) { return text[0] == '\n' ? text + 1 : text; }
+using namespace kest_test;
 
 // Each mode once, with no rows and rows in two calls; a constant column repeats its one value.
 // (The unicode glyphs show in the streaming test below.)
@@ -153,7 +56,7 @@ TEST(PrinterShapes, EveryModeMatchesItsGolden) {
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message()
                  << "mode " << static_cast<int>(c.mode) << ", " << c.batches.size() << " calls");
-    EXPECT_EQ(render(c.mode, columns(), c.batches), golden(c.expected));
+    EXPECT_EQ(print(c.mode, columns(), c.batches), golden(c.expected));
   }
 }
 
@@ -179,7 +82,7 @@ TEST(PrinterTypes, WidthAndAlignmentOfCells) {
       {col<int64_t>("v", "intervalds(2)", {12345, -1}),
        "|       0 00:02:03.45|\n|      -0 00:00:00.01|"}};
   for (const auto& c : cases) {
-    const std::string out = render(OutputMode::kAscii, {c.column}, {2});
+    const std::string out = print(OutputMode::kAscii, {c.column}, {2});
     EXPECT_NE(out.find("+\n" + std::string(c.lines) + "\n+"), std::string::npos) << out;
   }
 }
@@ -196,7 +99,7 @@ std::vector<Col> null_columns() {
 }
 
 TEST(PrinterNulls, HiddenIndicatorsBlankTheNextColumnInEveryMode) {
-  EXPECT_EQ(render(OutputMode::kAscii, null_columns(), {2, 1}), golden(R"(
+  EXPECT_EQ(print(OutputMode::kAscii, null_columns(), {2, 1}), golden(R"(
 +-----------+----------+-----+--------------------+----+
 |v          |w         |     |x                   |    |
 |sint       |varchar(4)|bool |slng                |uchr|
@@ -207,16 +110,16 @@ TEST(PrinterNulls, HiddenIndicatorsBlankTheNextColumnInEveryMode) {
 +-----------+----------+-----+--------------------+----+
 (3 rows)
 )"));
-  EXPECT_EQ(render(OutputMode::kRaw, null_columns(), {2, 1}),
+  EXPECT_EQ(print(OutputMode::kRaw, null_columns(), {2, 1}),
             "1|||10|7\n||false|20|8\n3||true|30|9\n");
-  EXPECT_EQ(render(OutputMode::kHtml, null_columns(), {1}),
+  EXPECT_EQ(print(OutputMode::kHtml, null_columns(), {1}),
             "<table class=\"znresult\"><thead><tr><th>v</th><th>w</th><th></th><th>x</th>"
             "<th></th></tr><tr><th>sint</th><th>varchar(4)</th><th>bool</th><th>slng</th>"
             "<th>uchr</th></tr></thead><tr><td align=\"right\">1</td><td></td>"
             "<td align=\"right\"></td><td align=\"right\">10</td><td align=\"right\">7</td></tr>"
             "<tr><td colspan=\"0\">1 row</td></tr></table>\n");
   // A selection picks the rows and their indicator bytes.
-  Render r(null_columns());
+  PrintedResult r(null_columns());
   ResultPrinter* p = r.open(OutputMode::kRaw);
   const int32_t selection[] = {2, 1, 2};
   r.rows(p, 0, 3, selection);
@@ -225,10 +128,10 @@ TEST(PrinterNulls, HiddenIndicatorsBlankTheNextColumnInEveryMode) {
 }
 
 TEST(PrinterZeroColumns, EveryModePrintsOnlyTheFrame) {
-  EXPECT_EQ(render(OutputMode::kAscii, {}, {2}), "+\n|\n|\n+\n|\n|\n+\n(2 rows)\n");
-  EXPECT_EQ(render(OutputMode::kUnicode, {}, {1}), "┌\n│\n│\n├\n│\n└\n(1 row)\n");
-  EXPECT_EQ(render(OutputMode::kRaw, {}, {2}), "\n\n");
-  EXPECT_EQ(render(OutputMode::kHtml, {}, {2, 3}),
+  EXPECT_EQ(print(OutputMode::kAscii, {}, {2}), "+\n|\n|\n+\n|\n|\n+\n(2 rows)\n");
+  EXPECT_EQ(print(OutputMode::kUnicode, {}, {1}), "┌\n│\n│\n├\n│\n└\n(1 row)\n");
+  EXPECT_EQ(print(OutputMode::kRaw, {}, {2}), "\n\n");
+  EXPECT_EQ(print(OutputMode::kHtml, {}, {2, 3}),
             "<table class=\"znresult\"><tr><td colspan=\"0\">5 rows</td></tr></table>\n");
 }
 
@@ -236,7 +139,7 @@ TEST(PrinterWidths, LongNameIsCappedAt128AndOverrunsTheBox) {
   const std::string name(200, 'n');
   std::string rule = "+";
   rule.append(128, '-').append("+\n");
-  EXPECT_EQ(render(OutputMode::kAscii, {col<int32_t>(name, "sint", {5})}, {1}),
+  EXPECT_EQ(print(OutputMode::kAscii, {col<int32_t>(name, "sint", {5})}, {1}),
             rule + "|" + name + "|\n" + "|sint" + std::string(124, ' ') + "|\n" + rule + "|" +
                 std::string(127, ' ') + "5|\n" + rule + "(1 row)\n");
 }
@@ -258,7 +161,7 @@ TEST(PrinterWidths, TextsArePaddedByCountedCharacters) {
       {"abcdefghijklmnop", 16},         // longer than the width: printed whole
   };
   for (const auto& c : cases) {
-    const std::string out = render(OutputMode::kAscii, {strs("t", "varchar(10)", {c.text})}, {1});
+    const std::string out = print(OutputMode::kAscii, {strs("t", "varchar(10)", {c.text})}, {1});
     std::string line = "|";
     line.append(c.text).append(c.chars < 11 ? 11 - c.chars : 0, ' ').append("|\n");
     EXPECT_NE(out.find("+\n" + line + "+"), std::string::npos) << c.text << "\n" << out;
@@ -266,7 +169,7 @@ TEST(PrinterWidths, TextsArePaddedByCountedCharacters) {
 }
 
 TEST(PrinterWidths, OverlongTextIsCutToTheValueBuffer) {
-  EXPECT_EQ(render(OutputMode::kRaw, {strs("t", "str", {std::string(2000, 'x')})}, {1}),
+  EXPECT_EQ(print(OutputMode::kRaw, {strs("t", "str", {std::string(2000, 'x')})}, {1}),
             std::string(1023, 'x') + "\n");
 }
 
@@ -280,7 +183,7 @@ TEST(PrinterStreaming, OutputLargerThanTheBufferArrivesWhole) {
     values.push_back(std::move(v));
   }
   const std::string out =
-      render(OutputMode::kAscii, {strs("t", "varchar(100)", values)}, {1024, 1024, 952});
+      print(OutputMode::kAscii, {strs("t", "varchar(100)", values)}, {1024, 1024, 952});
   const size_t body = out.find("|0.");
   ASSERT_NE(body, std::string::npos);
   EXPECT_EQ(out.substr(body, expected.size()), expected);
@@ -289,15 +192,15 @@ TEST(PrinterStreaming, OutputLargerThanTheBufferArrivesWhole) {
 // The printer's text reaches the stream at printer_flush and printer_close, in one piece with
 // everything printed since the last flush; what the caller writes after a flush follows it.
 TEST(PrinterStreaming, TextReachesTheStreamAtEachFlush) {
-  Render r({col<int32_t>("n", "sint", {1, 2}), col<int8_t>("c", "schr", {3, 4})});
+  PrintedResult r({col<int32_t>("n", "sint", {1, 2}), col<int8_t>("c", "schr", {3, 4})});
   ResultPrinter* p = r.open(OutputMode::kUnicode);
   r.rows(p, 0, 1);
   EXPECT_EQ(r.contents(), "") << "nothing before a flush";
   printer_flush(p);
-  std::fputs("<a>", r.file);
+  std::fputs("<a>", r.file());
   r.rows(p, 1, 1);
   printer_flush(p);
-  std::fputs("<b>", r.file);
+  std::fputs("<b>", r.file());
   printer_close(p);
   EXPECT_EQ(r.contents(), golden(R"(
 ┌───────────┬────┐
@@ -312,7 +215,7 @@ TEST(PrinterStreaming, TextReachesTheStreamAtEachFlush) {
 }
 
 TEST(PrinterDeathTest, RuleLineOutOfRangeIsAnAssertion) {
-  Render r({col<int32_t>("n", "sint", {1})});
+  PrintedResult r({col<int32_t>("n", "sint", {1})});
   ResultPrinter* p = r.open(OutputMode::kAscii);
   EXPECT_DEATH(print_rule(p, 3), "assertion \"which >= 0 && which <= 2\" failed");
   printer_close(p);

@@ -5,16 +5,13 @@
 
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "kernel/ltype.h"
 #include "support/scripted_peer.h"
+#include "support/temp_dir.h"
 #include "tools/standalone_client/client_globals.h"
 #include "tools/standalone_client/connection.h"
 #include "tools/standalone_client/printer.h"
@@ -28,6 +25,7 @@ using kest_test::ack;
 using kest_test::be32;
 using kest_test::data;
 using kest_test::frame;
+using kest_test::raw;
 using kest_test::ScriptedPeer;
 using kest_test::var;
 using testing::HasSubstr;
@@ -35,14 +33,6 @@ using testing::HasSubstr;
 namespace {
 
 const kest_test::Column kInt{"a", "sint", "sint"};
-
-// Fixed-size values travel in the host's own byte order.
-template <typename T>
-std::string raw(std::initializer_list<T> values) {
-  std::string out;
-  for (T v : values) out.append(reinterpret_cast<const char*>(&v), sizeof v);
-  return out;
-}
 
 // A connection to a scripted peer, as run_query holds it while reading results.
 struct Client {
@@ -111,9 +101,8 @@ TEST_F(Reception, ServerErrorInTheStreamIsPrintedAndFailsTheQuery) {
 // a file, and the peer holds the end of the results back until the first rows are in it.
 TEST_F(Reception, RowsReachTheScreenBeforeTheClientWaitsForMore) {
   print_results = 1;
-  const std::string path = (std::filesystem::temp_directory_path() /
-                            ("kest_rows_" + std::to_string(std::random_device{}())))
-                               .string();
+  const kest_test::TempDir dir("kest_rows");
+  const std::string path = (dir / "stdout").string();
   std::fflush(stdout);
   const int saved_stdout = dup(1);
   FILE* file = std::fopen(path.c_str(), "wb");
@@ -122,9 +111,7 @@ TEST_F(Reception, RowsReachTheScreenBeforeTheClientWaitsForMore) {
   std::fclose(file);
   const auto rows_arrived = [&path] {
     for (int i = 0; i < 1000; ++i) {  // at most ten seconds
-      std::ostringstream got;
-      got << std::ifstream(path, std::ios::binary).rdbuf();
-      if (got.str() == "42\n") return true;
+      if (kest_test::read_file(path) == "42\n") return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
@@ -139,7 +126,6 @@ TEST_F(Reception, RowsReachTheScreenBeforeTheClientWaitsForMore) {
   std::fflush(stdout);
   dup2(saved_stdout, 1);
   close(saved_stdout);
-  std::filesystem::remove(path);
   EXPECT_TRUE(peer.join()) << "the rows never reached standard output while the client waited";
 }
 

@@ -34,7 +34,9 @@ class RefServerEval : public testing::Test {
   void SetUp() override { ctx_ = query_context_create(nullptr); }
   void TearDown() override { query_context_destroy(ctx_); }
 
+  // Runs `query` on a fresh context, which holds its errors afterwards.
   Result run(const std::string& query, size_t vector_size = 1024) {
+    fresh();
     Result r;
     try {
       auto rel = parse_query(ctx_, query);
@@ -64,6 +66,11 @@ class RefServerEval : public testing::Test {
     EXPECT_EQ(r.error, 0) << expr << (r.params.empty() ? "" : ": " + r.params.back());
     if (type && !r.types.empty()) *type = r.types[0];
     return r.rows.empty() ? "<error>" : r.rows[0][0];
+  }
+
+  void fresh() {
+    query_context_destroy(ctx_);
+    ctx_ = query_context_create(nullptr);
   }
 
   QueryContext* ctx_ = nullptr;
@@ -164,8 +171,6 @@ TEST_F(RefServerEval, ErrorsNameTheirCause) {
        KEST_ERR_OUT_OF_RANGE,
        {"99999999999999999999999999999999999999999", "slng"}}};
   for (const auto& c : cases) {
-    query_context_destroy(ctx_);
-    ctx_ = query_context_create(nullptr);
     Result r = run(c.query);
     EXPECT_EQ(r.error, c.code) << c.query;
     EXPECT_EQ(r.params, c.params) << c.query;
@@ -225,8 +230,6 @@ TEST_F(RefServerEval, NestingIsBoundedByTheParser) {
     ASSERT_EQ(ok.rows.size(), 1u);
     EXPECT_EQ(ok.rows[0][0], n.value);
     for (const int deeper : {k + 1, 20000}) {
-      query_context_destroy(ctx_);
-      ctx_ = query_context_create(nullptr);
       const Result r = run(n.query(deeper));
       EXPECT_EQ(r.error, KEST_ERR_PARSE) << deeper;
       ASSERT_EQ(r.params.size(), 4u);
@@ -235,8 +238,6 @@ TEST_F(RefServerEval, NestingIsBoundedByTheParser) {
     }
   }
   // The column names the first token past the limit: here the 256th "!", at level 257.
-  query_context_destroy(ctx_);
-  ctx_ = query_context_create(nullptr);
   const Result r = run(kNestings[2].query(300));
   EXPECT_EQ(r.params[2], std::to_string(std::strlen("Project(Array([i=1]), [v = ") + 2 * 255 + 1));
 }
@@ -268,14 +269,11 @@ TEST_F(RefServerEval, CompilerAndEvaluatorRefuseTreesDeeperThanTheLimit) {
     negate.args.push_back(std::move(tree));
     tree = std::move(negate);
   }
-  query_context_destroy(ctx_);
-  ctx_ = query_context_create(nullptr);
+  fresh();
   EXPECT_THROW(eval_expr(ctx_, tree, Batch{}), QueryFailed);
   ASSERT_NE(ctx_->errors, nullptr);
   EXPECT_EQ(ctx_->errors->code, kErrNestingDepth);
   // A walk that failed released its levels: the next query runs as deep as ever.
-  query_context_destroy(ctx_);
-  ctx_ = query_context_create(nullptr);
   EXPECT_EQ(run(kNestings[0].query(kMaxQueryNesting - 1)).error, 0);
 }
 
@@ -304,8 +302,6 @@ TEST_F(RefServerEval, ConcatTextsAndTokensAreBounded) {
   EXPECT_STREQ(ctx_->errors->params[0], "12");
   EXPECT_STREQ(ctx_->errors->params[1], "11");
 
-  query_context_destroy(ctx_);
-  ctx_ = query_context_create(nullptr);
   std::string many = "Array([i=1])";
   while (many.size() < 2 * kMaxQueryTokens) many += " 1";
   const Result r = run(many);

@@ -31,10 +31,8 @@ std::string project_version() {
 }
 
 OptionsResult parse(std::vector<std::string> args, ServerOptions* options) {
-  args.insert(args.begin(), "kest_refserver");
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  return parse_options(static_cast<int>(argv.size()), argv.data(), options);
+  kest_test::Argv a("kest_refserver", std::move(args));
+  return parse_options(a.argc(), a.argv(), options);
 }
 
 TEST(RefserverVersion, BothFormsPrintTheProjectReleaseNotTheClientBuildText) {

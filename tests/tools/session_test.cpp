@@ -5,22 +5,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "kernel/ltype.h"
 #include "support/scripted_peer.h"
+#include "support/temp_dir.h"
 #include "tools/standalone_client/client_globals.h"
 #include "utils/netbuffer_socket.h"
 #include "utils/znconfig.h"
 
 using kest_test::be32;
 using kest_test::frame;
+using kest_test::raw;
 using kest_test::ScriptedPeer;
 using kest_test::var;
 using testing::HasSubstr;
@@ -120,10 +119,8 @@ TEST_F(Session, LowDottedAddressesAndHostNamesConnect) {
 // The first 64 bytes of the passfile are the key. Negative tries leave the socket unconnected,
 // so the query's send fails.
 TEST_F(Session, PassfileBytesAreTheKeyAndNegativeTriesConnectNothing) {
-  // The store keeps the text it is given, not a copy.
-  const std::string path = (std::filesystem::temp_directory_path() /
-                            ("kest_session_key_" + std::to_string(std::random_device{}())))
-                               .string();
+  const kest_test::TempDir dir("kest_session");
+  const std::string path = (dir / "key").string();  // the store keeps this text, not a copy
   const struct {
     size_t file_bytes;  // 0: no passfile configured
     size_t key_bytes;
@@ -139,7 +136,7 @@ TEST_F(Session, PassfileBytesAreTheKeyAndNegativeTriesConnectNothing) {
                                                                       znconfig_free);
     client_config = config.get();
     if (c.file_bytes > 0) {
-      std::ofstream(path, std::ios::binary) << content;
+      dir.write("key", content);
       ASSERT_EQ(znconfig_set_str(config.get(), 3, 22, path.c_str()), 1);
     }
     testing::internal::CaptureStderr();
@@ -153,7 +150,6 @@ TEST_F(Session, PassfileBytesAreTheKeyAndNegativeTriesConnectNothing) {
     EXPECT_THAT(log, HasSubstr(c.log));
     EXPECT_THAT(log, HasSubstr("network error while sending query"));
   }
-  std::filesystem::remove(path);
 }
 
 // An error acknowledgement is printed, and the connection serves the next query.
@@ -243,16 +239,6 @@ TEST(SessionTiming, LineFormat) {
   EXPECT_EQ(timing_line(61234.5, 0), "Time: 61234.500 ms, 0 rows\n");
 }
 
-}  // namespace
-
-namespace {
-
-std::string ints(std::initializer_list<int32_t> values) {
-  std::string out;
-  for (int32_t v : values) out.append(reinterpret_cast<const char*>(&v), sizeof v);
-  return out;
-}
-
 // An answer that fails before its end leaves the rest in the stream; with errors ignored the
 // next query must read its own answer, never the rest of the old one.
 TEST_F(Session, AnUnfinishedAnswerIsDrainedBeforeTheNextQuery) {
@@ -261,13 +247,14 @@ TEST_F(Session, AnUnfinishedAnswerIsDrainedBeforeTheNextQuery) {
     const char* name;
     std::string first_answer;
   } cases[] = {
-      {"more rows than the vector size", kest_test::ack(2, {col}) +
-                                             kest_test::data(3, ints({1, 2, 3})) +
-                                             kest_test::data(1, ints({4})) + kest_test::data(0)},
+      {"more rows than the vector size",
+       kest_test::ack(2, {col}) + kest_test::data(3, raw<int32_t>({1, 2, 3})) +
+           kest_test::data(1, raw<int32_t>({4})) + kest_test::data(0)},
       {"a negative row count", kest_test::ack(2, {col}) + frame(be32(0) + be32(0xFFFFFFF0u)) +
-                                   kest_test::data(1, ints({5})) + kest_test::data(0)},
+                                   kest_test::data(1, raw<int32_t>({5})) + kest_test::data(0)},
       {"an error record ends the answer",  // nothing to drain: the next frame is the new answer
-       kest_test::ack(2, {col}) + kest_test::data(1, ints({6})) + kest_test::error_record(21, {})},
+       kest_test::ack(2, {col}) + kest_test::data(1, raw<int32_t>({6})) +
+           kest_test::error_record(21, {})},
   };
   types_init();
   const OutputMode saved_mode = output_mode_code;
@@ -278,7 +265,8 @@ TEST_F(Session, AnUnfinishedAnswerIsDrainedBeforeTheNextQuery) {
     peer.read_frame()
         .send(c.first_answer)
         .read_frame()
-        .send(kest_test::ack(2, {col}) + kest_test::data(1, ints({42})) + kest_test::data(0));
+        .send(kest_test::ack(2, {col}) + kest_test::data(1, raw<int32_t>({42})) +
+              kest_test::data(0));
     peer.start();
     ClientConnection* connection = client_connect("127.0.0.1", peer.port(), 1);
     ASSERT_NE(connection, nullptr);
@@ -293,10 +281,6 @@ TEST_F(Session, AnUnfinishedAnswerIsDrainedBeforeTheNextQuery) {
   }
   output_mode_code = saved_mode;
 }
-
-}  // namespace
-
-namespace {
 
 // Between queries: a connection in step stays as it is; one the server closed is opened anew;
 // one whose server is gone for good cannot be, and says so by -1.

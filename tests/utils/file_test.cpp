@@ -4,17 +4,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 
-#include "utils/platform.h"
+#include "support/temp_dir.h"
 
 namespace {
-
-std::string TempPath(const char* name) {
-  const auto dir = std::filesystem::temp_directory_path();
-  return (dir / ("kest_" + std::to_string(current_process_id()) + name)).string();
-}
 
 std::string Logged(const char* path, char* key, const char** got) {
   testing::internal::CaptureStderr();
@@ -24,7 +18,8 @@ std::string Logged(const char* path, char* key, const char** got) {
 
 // 64 bytes or more give the first 64; a shorter file is refused with its bytes left in the key.
 TEST(AuthFile, KeyIsTheFirst64BytesOfALongEnoughFile) {
-  const std::string path = TempPath("_auth.key");
+  const kest_test::TempDir dir("kest_auth");
+  const std::string path = (dir / "auth.key").string();
   for (size_t size : {0u, 63u, 64u, 100u}) {
     SCOPED_TRACE(size);
     std::FILE* f = std::fopen(path.c_str(), "wb");
@@ -44,11 +39,11 @@ TEST(AuthFile, KeyIsTheFirst64BytesOfALongEnoughFile) {
     }
     EXPECT_EQ(key[size == 0 ? 0 : 64], size == 0 ? '\0' : 'z');  // cleared first, not terminated
   }
-  std::remove(path.c_str());
 }
 
 TEST(AuthFile, MissingFileLogsTheOpenErrorAndNoPathIsSilent) {
-  const std::string path = TempPath("_no_such.key");
+  const kest_test::TempDir dir("kest_auth");
+  const std::string path = (dir / "no_such.key").string();
   char key[kAuthKeySize] = {'x'};
   const char* got = key;
   const std::string log = Logged(path.c_str(), key, &got);

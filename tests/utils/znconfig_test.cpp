@@ -4,12 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <random>
 #include <string>
 #include <tuple>
 
+#include "support/temp_dir.h"
 #include "utils/znconfig_parser.h"
 #include "utils/znconfig_tables.h"
 
@@ -246,15 +244,13 @@ TEST(ZnConfigFile, WordLimitIsFourThousandCharacters) {
 
 // Reading across the 4000-byte blocks of a file is checked by the settings corpus replay.
 TEST(ZnConfigFile, FileIsAnnouncedAndAMissingOneGivesItsErrorNumber) {
-  const auto path = std::filesystem::temp_directory_path() /
-                    ("kest_settings_" + std::to_string(std::random_device{}()) + ".conf");
-  std::ofstream(path, std::ios::binary) << "[client]\nport = 900\n";
+  const kest_test::TempDir dir("kest_settings");
+  const std::string path = dir.write("settings.conf", "[client]\nport = 900\n");
   Store s;
-  EXPECT_EQ(s.parse(path.string(), 1), 0) << s.log;
-  std::filesystem::remove(path);
-  EXPECT_THAT(s.log, HasSubstr("Reading configuration from '" + path.string() + "'"));
+  EXPECT_EQ(s.parse(path, 1), 0) << s.log;
+  EXPECT_THAT(s.log, HasSubstr("Reading configuration from '" + path + "'"));
   EXPECT_EQ(s.port(), 900);
-  EXPECT_EQ(s.parse((path.parent_path() / "kest_no_such_dir" / "x.conf").string(), 1), ENOENT);
+  EXPECT_EQ(s.parse((dir / "no_such_dir" / "x.conf").string(), 1), ENOENT);
 }
 
 }  // namespace

@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
+#include "support/temp_dir.h"
 #include "utils/platform.h"
 #include "utils/znlog.h"
 
@@ -98,15 +98,14 @@ TEST(LogConfigFile, RelativeNamesGoIntoTheDirectory) {
 // directory without a znlog.conf ends the search before the profile is consulted.
 TEST(LogConfigSearch, FirstSourceThatYieldsTextWins) {
   namespace fs = std::filesystem;
-  const fs::path dir =
-      fs::temp_directory_path() / ("kest_znlog_search_" + std::to_string(current_process_id()));
+  const kest_test::TempDir dir("kest_znlog_search");
   const char* const vars[] = {"ZNLOG", "ZNLOG_CONFIGFILE", "ZNLOG_DIRECTORY", "USERPROFILE"};
   for (const char* v : vars) platform_setenv(v, nullptr);
   for (const char* sub : {"home", "logdir", "emptydir"}) fs::create_directories(dir / sub);
-  std::ofstream(dir / "empty.conf", std::ios::binary) << "";
-  std::ofstream(dir / "named.conf", std::ios::binary) << "from configfile";
-  std::ofstream(dir / "logdir" / "znlog.conf", std::ios::binary) << "from directory";
-  std::ofstream(dir / "home" / ".znlog", std::ios::binary) << "from profile";
+  dir.write("empty.conf", "");
+  dir.write("named.conf", "from configfile");
+  dir.write("logdir/znlog.conf", "from directory");
+  dir.write("home/.znlog", "from profile");
   auto found = [] {
     char* text = logger_get_config();
     const std::string s = text ? text : "(null)";
@@ -129,7 +128,6 @@ TEST(LogConfigSearch, FirstSourceThatYieldsTextWins) {
   platform_setenv("ZNLOG", "from variable");
   EXPECT_EQ(found(), "from variable");
   for (const char* v : vars) platform_setenv(v, nullptr);
-  fs::remove_all(dir);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -13,23 +12,24 @@
 #include <thread>
 #include <vector>
 
+#include "support/temp_dir.h"
 #include "utils/platform.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-fs::path temp_path(const std::string& name) {
-  return fs::temp_directory_path() /
-         ("kest_znlog_" + std::to_string(current_process_id()) + "_" + name);
+// Every file of these tests lies here.
+const kest_test::TempDir& temp_dir() {
+  static const kest_test::TempDir dir("kest_znlog");
+  return dir;
 }
+fs::path temp_path(const std::string& name) { return temp_dir() / name; }
 
-// The log file is opened in text mode, so on Windows its lines end in CR LF: `log_file` folds
-// them back.
-std::string read_file(const fs::path& p, bool log_file = false) {
-  std::ifstream in(p, std::ios::binary);
-  std::string text{std::istreambuf_iterator<char>(in), {}};
-  for (size_t i; log_file && (i = text.find("\r\n")) != std::string::npos;) text.erase(i, 1);
+// The log file is opened in text mode, so on Windows its lines end in CR LF: folded back here.
+std::string read_log(const fs::path& p) {
+  std::string text = kest_test::read_file(p);
+  for (size_t i; (i = text.find("\r\n")) != std::string::npos;) text.erase(i, 1);
   return text;
 }
 
@@ -52,10 +52,10 @@ class CapturedStream {
   std::FILE* get() const { return stream_; }
   std::string text() const {
     std::fflush(stream_);
-    return read_file(path_);
+    return kest_test::read_file(path_);
   }
   // What another reader sees without this writer flushing first.
-  std::string unflushed_text() const { return read_file(path_); }
+  std::string unflushed_text() const { return kest_test::read_file(path_); }
 
  private:
   fs::path path_;
@@ -174,7 +174,7 @@ TEST_F(Logger, BuiltinFileStyleAndDefaultFileNameInTheLogDirectory) {
   __zn_log("f.cpp", 1, "FAC", ZN_INFO, "to the file");
   __zn_log("f.cpp", 1, "OTHER", ZN_INFO, "to stderr");
   zn_log_reset_for_tests("", nullptr, nullptr);  // closes the log file
-  const std::string text = read_file(dir / "quillmarke.log", true);
+  const std::string text = read_log(dir / "quillmarke.log");
   fs::remove_all(dir);
   EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d )" + pid_field() +
                                                 " INFO:FAC:to the file\n")))
@@ -188,9 +188,8 @@ TEST_F(Logger, NamedFileIsAppendedToAndFlushIsHonoured) {
   configure("filename = \"" + path.string() + "\"\nfile = flush\nFAC = file");
   __zn_log("f.cpp", 1, "FAC", ZN_WARN, "now");
   // Visible to another reader before any close: the line was flushed.
-  EXPECT_EQ(read_file(path, true), "earlier\n WARN:FAC:now\n");
+  EXPECT_EQ(read_log(path), "earlier\n WARN:FAC:now\n");
   zn_log_reset_for_tests("", nullptr, nullptr);
-  fs::remove(path);
 }
 
 // Lines are written with fwrite, so a buffered stream stays buffered unless `flush` is on.

@@ -18,6 +18,7 @@
 #include "fuzz/support/fuzz_common.h"
 #include "kernel/ltype.h"
 #include "kernel/s128.h"
+#include "support/run_process.h"
 #include "tools/standalone_client/driver.h"
 #include "tools/standalone_client/options.h"
 #include "utils/context.h"
@@ -185,23 +186,21 @@ inline std::string check_types(const uint8_t* data, size_t size) {
 
 // The arguments are the NUL-separated pieces of the input, after the program name.
 inline std::string check_options(const uint8_t* data, size_t size) {
-  std::vector<std::string> args{"kest_client"};
+  std::vector<std::string> pieces;
   for (std::string_view rest(reinterpret_cast<const char*>(data), size); !rest.empty();) {
     const size_t end = std::min(rest.find('\0'), rest.size());
-    args.emplace_back(rest.substr(0, end));
+    pieces.emplace_back(rest.substr(0, end));
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  const int argc = static_cast<int>(args.size());
+  kest_test::Argv args("kest_client", std::move(pieces));
+  const int argc = args.argc();
   OptionCursor cursor;
   // Every call consumes an argument or a letter of a cluster.
-  const size_t bound = size + args.size() + 2;
+  const size_t bound = size + static_cast<size_t>(argc) + 2;
   for (size_t step = 0;; ++step) {
     if (step > bound) return "the scan does not end";
     const char* optarg = nullptr;
-    const int letter = get_option(&cursor, argc, argv.data(), kest_client_options, &optarg);
+    const int letter = get_option(&cursor, argc, args.argv(), kest_client_options, &optarg);
     // The run stops at a refusal (and "-?" asks for the usage text, which ends it too).
     if (letter == GET_OPTION_END || letter == GET_OPTION_REFUSED) break;
     const LongOption* o = kest_client_options;
