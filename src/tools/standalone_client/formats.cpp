@@ -431,15 +431,23 @@ bool is_json_number(std::string_view text) {
   return i == text.size();
 }
 
-void csv_head(ResultPrinter& p, char* const* names) {
+// The header line of csv and tsv: the column names, each written as the format writes a field,
+// between separators.
+template <typename Field>
+void delimited_head(ResultPrinter& p, char* const* names, char separator, Field field) {
   classify_texts(p);
   if (!p.header) return;
   char* w = p.out.cursor();
   for (size_t k = 0; k < p.visible.size(); ++k) {
-    if (k > 0) w = put(p.out, w, ',');
-    w = put_csv_field(p.out, w, names[p.visible[k]]);
+    if (k > 0) w = put(p.out, w, separator);
+    w = field(p.out, w, names[p.visible[k]]);
   }
   p.out.advance_to(put(p.out, w, '\n'));
+}
+
+void csv_head(ResultPrinter& p, char* const* names) {
+  delimited_head(p, names, ',',
+                 [](auto& out, char* w, std::string_view s) { return put_csv_field(out, w, s); });
 }
 
 // The hot loop of the data formats: the printer's arrays are read through local pointers, which
@@ -465,14 +473,8 @@ void csv_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int
 }
 
 void tsv_head(ResultPrinter& p, char* const* names) {
-  classify_texts(p);
-  if (!p.header) return;
-  char* w = p.out.cursor();
-  for (size_t k = 0; k < p.visible.size(); ++k) {
-    if (k > 0) w = put(p.out, w, '\t');
-    w = put_tsv(p.out, w, names[p.visible[k]]);
-  }
-  p.out.advance_to(put(p.out, w, '\n'));
+  delimited_head(p, names, '\t',
+                 [](auto& out, char* w, std::string_view s) { return put_tsv(out, w, s); });
 }
 
 void tsv_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {
