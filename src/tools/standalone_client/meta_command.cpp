@@ -35,14 +35,14 @@ enum class Shape {
   kHost,    // HOST [PORT]
 };
 
-struct CommandSpec {
+struct CommandForm {
   std::string_view name;
   MetaKind kind;
   Shape shape;
   bool required;
 };
 
-constexpr CommandSpec kCommands[] = {
+constexpr CommandForm kCommands[] = {
     {"q", MetaKind::kQuit, Shape::kNone, false},
     {"?", MetaKind::kHelp, Shape::kNone, false},
     {"format", MetaKind::kFormat, Shape::kName, true},
@@ -85,22 +85,22 @@ bool read_port(std::string_view text, int64_t* port) {
   return ec == std::errc() && ptr == end && *port >= 1 && *port <= 65535;
 }
 
-// Fills `command` from the arguments of `spec`; false with command->error set when they do
+// Fills `command` from the arguments of `form`; false with command->error set when they do
 // not fit.
-bool read_arguments(const CommandSpec& spec, std::string_view rest, MetaCommand* command) {
+bool read_arguments(const CommandForm& form, std::string_view rest, MetaCommand* command) {
   const std::vector<std::string_view> args = words(rest);
-  switch (spec.shape) {
+  switch (form.shape) {
     case Shape::kNone:
       if (args.empty()) return true;
-      command->error = usage_error(spec.name, "takes no argument");
+      command->error = usage_error(form.name, "takes no argument");
       return false;
     case Shape::kFile:
       if (!read_file_argument(rest, &command->argument)) {
-        command->error = usage_error(spec.name, "the quoted file name has no closing quote");
+        command->error = usage_error(form.name, "the quoted file name has no closing quote");
         return false;
       }
-      if (!spec.required || !command->argument.empty()) return true;
-      command->error = usage_error(spec.name, "needs a file name");
+      if (!form.required || !command->argument.empty()) return true;
+      command->error = usage_error(form.name, "needs a file name");
       return false;
     case Shape::kName: {
       const std::optional<OutputMode> mode =
@@ -110,7 +110,7 @@ bool read_arguments(const CommandSpec& spec, std::string_view rest, MetaCommand*
         command->mode = *mode;
         return true;
       }
-      command->error = usage_error(spec.name, "needs one of " + std::string(kOutputModeNames));
+      command->error = usage_error(form.name, "needs one of " + std::string(kOutputModeNames));
       return false;
     }
     case Shape::kSwitch:
@@ -119,16 +119,16 @@ bool read_arguments(const CommandSpec& spec, std::string_view rest, MetaCommand*
         command->setting = args[0] == "on" ? Switch::kOn : Switch::kOff;
         return true;
       }
-      command->error = usage_error(spec.name, "takes on, off or nothing");
+      command->error = usage_error(form.name, "takes on, off or nothing");
       return false;
     case Shape::kHost:
       if (args.empty() || args.size() > 2) {
-        command->error = usage_error(spec.name, "needs HOST and an optional PORT");
+        command->error = usage_error(form.name, "needs HOST and an optional PORT");
         return false;
       }
       command->argument = std::string(args[0]);
       if (args.size() == 1 || read_port(args[1], &command->port)) return true;
-      command->error = usage_error(spec.name, "PORT must be a number from 1 to 65535");
+      command->error = usage_error(form.name, "PORT must be a number from 1 to 65535");
       return false;
   }
   return false;
@@ -147,11 +147,11 @@ MetaCommand parse_meta_command(std::string_view line) {
   size_t n = 0;
   while (n < line.size() && !is_blank(line[n])) ++n;
   const std::string_view name = line.substr(0, n);
-  for (const CommandSpec& spec : kCommands) {
-    if (spec.name != name) continue;
+  for (const CommandForm& form : kCommands) {
+    if (form.name != name) continue;
     MetaCommand command;
-    if (!read_arguments(spec, line.substr(n), &command)) return invalid(std::move(command.error));
-    command.kind = spec.kind;
+    if (!read_arguments(form, line.substr(n), &command)) return invalid(std::move(command.error));
+    command.kind = form.kind;
     return command;
   }
   return invalid("Unknown command \\" + std::string(name) + "; \\? lists the commands.");
