@@ -477,15 +477,24 @@ void tsv_head(ResultPrinter& p, char* const* names) {
                  [](auto& out, char* w, std::string_view s) { return put_tsv(out, w, s); });
 }
 
+// One value of a text format: `null_text` for a null, a plain value as printed, any other text
+// through the format's own escaping.
+template <typename Escape>
+char* put_value(ResultPrinter& p, char* at, const Column& c, size_t k, const char* value,
+                std::string_view null_text, Escape escape) {
+  if (value == nullptr) return put(p.out, at, null_text);
+  if (p.kinds[k] == kPlainValue) return put_printed(p, at, c, value);
+  char slot[kValueTextSize];
+  return escape(at, value_text(p, c, p.kinds[k], value, slot));
+}
+
 void tsv_rows(ResultPrinter& p, void* const* data, const int32_t* selection, int64_t rows) {
   const std::string_view null_text = p.has_null_text ? std::string_view(p.null_text) : "\\N";
   each_row(p, selection, rows, [&](char* w, int64_t, int64_t row) {
     w = each_cell(p, w, data, row, [&](char* at, const Column& c, size_t k, const char* value) {
       if (k > 0) at = put(p.out, at, '\t');
-      if (value == nullptr) return put(p.out, at, null_text);
-      if (p.kinds[k] == kPlainValue) return put_printed(p, at, c, value);
-      char slot[kValueTextSize];
-      return put_tsv(p.out, at, value_text(p, c, p.kinds[k], value, slot));
+      return put_value(p, at, c, k, value, null_text,
+                       [&](char* to, std::string_view text) { return put_tsv(p.out, to, text); });
     });
     return put(p.out, w, '\n');
   });
@@ -533,14 +542,9 @@ void markdown_rows(ResultPrinter& p, void* const* data, const int32_t* selection
     w = put(p.out, w, '|');
     w = each_cell(p, w, data, row, [&](char* at, const Column& c, size_t k, const char* value) {
       at = put(p.out, at, ' ');
-      if (value == nullptr) {
-        at = put(p.out, at, p.null_text);
-      } else if (p.kinds[k] == kPlainValue) {
-        at = put_printed(p, at, c, value);
-      } else {
-        char slot[kValueTextSize];
-        at = put_markdown(p.out, at, value_text(p, c, p.kinds[k], value, slot));
-      }
+      at = put_value(p, at, c, k, value, p.null_text, [&](char* to, std::string_view text) {
+        return put_markdown(p.out, to, text);
+      });
       return put(p.out, at, " |");
     });
     return put(p.out, w, '\n');
@@ -576,18 +580,13 @@ void vertical_rows(ResultPrinter& p, void* const* data, const int32_t* selection
     w = put(p.out, w, " ]\n");
     return each_cell(p, w, data, row, [&](char* at, const Column& c, size_t k, const char* value) {
       at = put(p.out, at, p.labels[k]);
-      if (value == nullptr) {
-        at = put(p.out, at, p.null_text);
-      } else if (p.kinds[k] == kPlainValue) {
-        at = put_printed(p, at, c, value);
-      } else {
-        char slot[kValueTextSize];
-        at = put_escaped(p.out, at, value_text(p, c, p.kinds[k], value, slot), kLineFeed,
-                         [&](OutBuffer& o, char* to, std::string_view, size_t& i) {
-                           ++i;
-                           return put(o, to, indent);
-                         });
-      }
+      at = put_value(p, at, c, k, value, p.null_text, [&](char* to, std::string_view text) {
+        return put_escaped(p.out, to, text, kLineFeed,
+                           [&](OutBuffer& o, char* dst, std::string_view, size_t& i) {
+                             ++i;
+                             return put(o, dst, indent);
+                           });
+      });
       return put(p.out, at, '\n');
     });
   });
