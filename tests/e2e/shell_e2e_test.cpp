@@ -160,7 +160,7 @@ TEST_F(ShellAtTerminal, CtrlCAtThePromptDropsTheLineAndTheOpenStatement) {
   type("Array([i=5]", continuation());
   pty_->send("garbage");
   pty_->send(keys::kCtrlC);
-  ASSERT_TRUE(pty_->expect(prompt()));
+  ASSERT_TRUE(pty_->expect(prompt())) << pty_->output();
   EXPECT_THAT(type("Array([i=1]);"), HasSubstr("(1 row)"));
 }
 

@@ -6,6 +6,7 @@
 
 #if KEST_HAVE_LIBEDIT
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <histedit.h>
 #include <poll.h>
 #include <unistd.h>
@@ -95,7 +96,8 @@ bool can_edit() { return edit_library() != nullptr; }
 class Editor {
  public:
   // REQUIRES: can_edit().
-  Editor(std::FILE* in, std::FILE* out, size_t history_size) : lib_(*edit_library()), in_(in) {
+  Editor(std::FILE* in, std::FILE* out, size_t history_size)
+      : lib_(*edit_library()), keys_(open_keys(fileno(in))) {
     std::setlocale(LC_CTYPE, "");  // multibyte characters are edited as characters
     history_ = lib_.history_init();
     HistEvent event;
@@ -112,6 +114,7 @@ class Editor {
   ~Editor() {
     lib_.el_end(el_);
     lib_.history_end(history_);
+    if (keys_.owned) close(keys_.fd);
   }
   Editor(const Editor&) = delete;
   Editor& operator=(const Editor&) = delete;
@@ -141,13 +144,27 @@ class Editor {
   // How long a wait for a key lasts before the interrupt count is looked at again.
   static constexpr int kKeyWaitMs = 100;
 
+  // Where the keys are read from. The terminal is opened a second time, without blocking, when it
+  // can be: a Ctrl-C that comes between the wait for a key and its read empties the terminal's
+  // input, and a blocking read would then wait for the next key with the interrupt unseen. The
+  // second opening is the editor's own, so the terminal's other users keep their blocking reads.
+  struct Keys {
+    int fd;
+    bool owned;  // a second opening, closed with the editor
+  };
+  static Keys open_keys(int fd) {
+    const char* name = ttyname(fd);
+    const int own = name ? open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1;
+    return own < 0 ? Keys{fd, false} : Keys{own, true};
+  }
+
   // The editor's reads of the terminal, one character at a time. An interrupt is seen even when
   // it comes while the editor is busy between two reads (its signal then meets no blocked read
   // to cut short): the wait for a key looks at the count at least every kKeyWaitMs.
   static int read_char(EditLine* el, wchar_t* out) {
     Editor* self = nullptr;
     edit_library()->el_get(el, EL_CLIENTDATA, &self);
-    const int fd = fileno(self->in_);
+    const int fd = self->keys_.fd;
     std::mbstate_t state{};
     for (;;) {
       if (platform_interrupt_count() != self->interrupts_) {
@@ -162,7 +179,7 @@ class Editor {
       const ssize_t n = ::read(fd, &byte, 1);
       if (n == 0) return 0;
       if (n < 0) {
-        if (errno == EINTR) continue;
+        if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) continue;
         return -1;
       }
       const size_t r = std::mbrtowc(out, &byte, 1, &state);
@@ -182,7 +199,7 @@ class Editor {
   }
 
   const EditLibrary& lib_;
-  std::FILE* in_;
+  Keys keys_;
   uint32_t interrupts_ = 0;  // the count when the current read began
   EditLine* el_ = nullptr;
   History* history_ = nullptr;
