@@ -65,6 +65,17 @@ uint32_t platform_interrupt_count();
 // after the read it ended has returned (as if the input had ended); elsewhere the count is
 // already made when the read returns, and this returns at once.
 void platform_settle_interrupts();
+// Stops from the terminal (Ctrl-Z), for a program that keeps the terminal in a mode of its own.
+// While watched a stop only adds to a count; the program puts the terminal back as the user's
+// shell expects it and then stops with platform_stop_now. Not watched again: the disposition
+// the process had before comes back. A stop that the process ignored stays ignored. Windows has
+// no stops: the count stays 0.
+void platform_watch_stops(bool watch);
+uint32_t platform_stop_count();
+// Stops the process as a stop from the terminal would, until it is continued (at once, with
+// nothing done, where stops are not possible: Windows, or a process group that no shell
+// controls).
+void platform_stop_now();
 // A write to a pipe whose reader has gone: while watched it calls `notify` (as above) and the
 // write fails, instead of the process ending (POSIX SIGPIPE). Windows has nothing to watch.
 void platform_watch_broken_pipe(bool watch, InterruptNotify notify);

@@ -73,6 +73,12 @@ void on_interrupt(int) {
   if (InterruptNotify notify = interrupt_notify.load()) notify();
 }
 
+std::atomic<uint32_t> stops{0};
+struct sigaction stop_disposition {};  // what SIGTSTP did before the watch
+bool stops_watched = false;
+
+void on_stop(int) { stops.fetch_add(1, std::memory_order_relaxed); }
+
 void on_broken_pipe(int) {
   if (InterruptNotify notify = broken_pipe_notify.load()) notify();
 }
@@ -97,6 +103,32 @@ void platform_watch_interrupts(bool watch, InterruptNotify notify) {
 uint32_t platform_interrupt_count() { return interrupts.load(std::memory_order_relaxed); }
 
 void platform_settle_interrupts() {}
+
+void platform_watch_stops(bool watch) {
+  if (watch == stops_watched) return;
+  stops_watched = watch;
+  if (!watch) {
+    sigaction(SIGTSTP, &stop_disposition, nullptr);
+    return;
+  }
+  struct sigaction action {};
+  sigemptyset(&action.sa_mask);
+  action.sa_handler = on_stop;
+  sigaction(SIGTSTP, &action, &stop_disposition);
+  if (stop_disposition.sa_handler == SIG_IGN) sigaction(SIGTSTP, &stop_disposition, nullptr);
+}
+
+uint32_t platform_stop_count() { return stops.load(std::memory_order_relaxed); }
+
+void platform_stop_now() {
+  struct sigaction stop {};
+  sigemptyset(&stop.sa_mask);
+  stop.sa_handler = SIG_DFL;
+  struct sigaction watched {};
+  sigaction(SIGTSTP, &stop, &watched);
+  raise(SIGTSTP);  // the default action: stopped here until continued
+  sigaction(SIGTSTP, &watched, nullptr);
+}
 
 void platform_watch_broken_pipe(bool watch, InterruptNotify notify) {
   broken_pipe_notify.store(watch ? notify : nullptr);

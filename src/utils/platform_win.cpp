@@ -84,6 +84,11 @@ uint32_t platform_interrupt_count() { return interrupts.load(); }
 // are enough for it to count.
 void platform_settle_interrupts() { Sleep(50); }
 
+// A console has no stops.
+void platform_watch_stops(bool) {}
+uint32_t platform_stop_count() { return 0; }
+void platform_stop_now() {}
+
 // A write to a pipe whose reader has gone only fails here; there is no signal to watch.
 void platform_watch_broken_pipe(bool, InterruptNotify) {}
 

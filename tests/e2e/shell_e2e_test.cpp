@@ -164,6 +164,34 @@ TEST_F(ShellAtTerminal, CtrlCAtThePromptDropsTheLineAndTheOpenStatement) {
   EXPECT_THAT(type("Array([i=1]);"), HasSubstr("(1 row)"));
 }
 
+TEST_F(ShellAtTerminal, CtrlZStopsTheShellAndFgDrawsThePromptAndTheLineAgain) {
+  if (!line_reader_can_edit()) GTEST_SKIP() << "built without line editing";
+  if (!fs::exists("/bin/bash")) GTEST_SKIP() << "no job-control shell to stop the client in";
+  // The client started by an interactive bash, which stops it on Ctrl-Z and continues it on fg.
+  pty_ = std::make_unique<PtyProcess>();
+  ASSERT_TRUE(pty_->start({"/bin/bash", "--norc", "--noprofile", "-i"}, env({{"PS1", "$ "}})));
+  ASSERT_TRUE(pty_->expect("$ ")) << pty_->output();
+  std::string command;
+  for (const std::string& arg : client_args({"-o", "raw"})) command += "'" + arg + "' ";
+  pty_->send(command + "\r");
+  ASSERT_TRUE(pty_->expect(prompt())) << pty_->output();
+  pty_->send("Arr");
+  ASSERT_TRUE(pty_->expect("Arr"));
+  pty_->send("\x1a");  // Ctrl-Z
+  ASSERT_TRUE(pty_->expect("Stopped")) << pty_->output();
+  ASSERT_TRUE(pty_->expect("$ ")) << pty_->output();
+  pty_->send("fg\r");
+  ASSERT_TRUE(pty_->expect(prompt() + "Arr")) << pty_->output();
+  // The terminal is in the editor's mode again: what is typed is echoed once, by the editor.
+  pty_->send("ay([i=2]);\r");
+  ASSERT_TRUE(pty_->expect("0\r\n1\r\n" + prompt())) << pty_->output();
+  EXPECT_THAT(pty_->last(), Not(HasSubstr("ay([i=2]);\r\nay([i=2]);")));
+  pty_->send("\\q\r");
+  ASSERT_TRUE(pty_->expect("$ ")) << pty_->output();
+  pty_->send("exit $?\r");  // the client's status, as bash saw it
+  EXPECT_EQ(pty_->wait(), 0);
+}
+
 TEST_F(ShellAtTerminal, ContinuationPromptsFollowStringsAndStatements) {
   start_shell();
   // A ";" inside a string does not end the statement; the prompt says a string is open.

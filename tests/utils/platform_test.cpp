@@ -161,6 +161,26 @@ TEST(Interrupts, AreCountedAndNoticedWhileWatched) {
   EXPECT_EQ(notified.load(), 2);
 }
 
+// While watched a stop from the terminal is only counted and the process goes on (it stops
+// itself once the terminal is put back); a stop the process ignored stays ignored.
+TEST(Stops, AreCountedWhileWatchedAndAnIgnoredStopStaysIgnored) {
+#ifdef SIGTSTP
+  const uint32_t before = platform_stop_count();
+  platform_watch_stops(true);
+  std::raise(SIGTSTP);
+  platform_watch_stops(false);
+  EXPECT_EQ(platform_stop_count() - before, 1u);
+  std::signal(SIGTSTP, SIG_IGN);
+  platform_watch_stops(true);
+  std::raise(SIGTSTP);
+  platform_watch_stops(false);
+  EXPECT_EQ(platform_stop_count() - before, 1u);
+  EXPECT_EQ(std::signal(SIGTSTP, SIG_DFL), SIG_IGN);
+#else
+  GTEST_SKIP() << "no stops from a terminal here";
+#endif
+}
+
 TEST(Pipes, TheCommandsStatusAndWhatItRead) {
   std::FILE* pipe = platform_pipe_open("exit 3");
   ASSERT_NE(pipe, nullptr);

@@ -133,7 +133,10 @@ class Editor {
     // echoes and edits lines by itself.
     lib_.el_set(el_, EL_PREP_TERM, 1);
     interrupts_ = platform_interrupt_count();
+    stops_ = platform_stop_count();
+    platform_watch_stops(true);
     const char* text = lib_.el_gets(el_, &count);
+    platform_watch_stops(false);
     if (!text) return count < 0 && errno == EINTR ? ReadStatus::kInterrupted : ReadStatus::kEnd;
     line->assign(text, static_cast<size_t>(count));
     strip_line_end(line);
@@ -171,6 +174,10 @@ class Editor {
         errno = EINTR;
         return -1;
       }
+      if (platform_stop_count() != self->stops_) {
+        self->stop(el);
+        continue;
+      }
       pollfd pfd{fd, POLLIN, 0};
       const int ready = poll(&pfd, 1, kKeyWaitMs);
       if (ready == 0 || (ready < 0 && errno == EINTR)) continue;
@@ -192,6 +199,17 @@ class Editor {
     }
   }
 
+  // Ctrl-Z while a line is edited: the terminal goes back to the mode the user's shell expects
+  // before the process stops, and when it is continued the editor's mode comes back and the
+  // prompt and the line so far are drawn again (the shell wrote over them).
+  void stop(EditLine* el) {
+    stops_ = platform_stop_count();
+    lib_.el_set(el, EL_PREP_TERM, 0);
+    platform_stop_now();
+    lib_.el_set(el, EL_PREP_TERM, 1);
+    lib_.el_set(el, EL_REFRESH);
+  }
+
   static char* prompt_of(EditLine* el) {
     Editor* self = nullptr;
     edit_library()->el_get(el, EL_CLIENTDATA, &self);
@@ -201,6 +219,7 @@ class Editor {
   const EditLibrary& lib_;
   Keys keys_;
   uint32_t interrupts_ = 0;  // the count when the current read began
+  uint32_t stops_ = 0;       // the stops seen so far
   EditLine* el_ = nullptr;
   History* history_ = nullptr;
   std::string prompt_;
