@@ -1,6 +1,6 @@
 // The platform layer: wall-clock time, sleeping, thread and process ids, locks, the console and
-// terminal tests, interrupts, pipes to commands, virtual memory and random numbers. With the socket
-// layer of the network buffer, the only place that reaches the operating system.
+// terminal tests, interrupts and stops, pipes to commands, virtual memory and random numbers. With
+// the socket layer of the network buffer, the only place that reaches the operating system.
 #pragma once
 
 #include <cstddef>
@@ -67,9 +67,10 @@ uint32_t platform_interrupt_count();
 void platform_settle_interrupts();
 // Stops from the terminal (Ctrl-Z), for a program that keeps the terminal in a mode of its own.
 // While watched a stop only adds to a count; the program puts the terminal back as the user's
-// shell expects it and then stops with platform_stop_now. Not watched again: the disposition
-// the process had before comes back. A stop that the process ignored stays ignored. Windows has
-// no stops: the count stays 0.
+// shell expects it and then stops with platform_stop_now. A read or write that a stop meets goes
+// on; a wait for input (poll) ends early. Not watched again: the disposition the process had
+// before comes back. A stop that the process ignored stays ignored. Windows has no stops: the
+// count stays 0.
 void platform_watch_stops(bool watch);
 uint32_t platform_stop_count();
 // Stops the process as a stop from the terminal would, until it is continued (at once, with

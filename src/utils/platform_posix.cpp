@@ -114,6 +114,9 @@ void platform_watch_stops(bool watch) {
   struct sigaction action {};
   sigemptyset(&action.sa_mask);
   action.sa_handler = on_stop;
+  // Restarted: a write to the terminal that the stop meets goes on (the waits of a program that
+  // watches stops are bounded, and look at the count when they end).
+  action.sa_flags = SA_RESTART;
   sigaction(SIGTSTP, &action, &stop_disposition);
   if (stop_disposition.sa_handler == SIG_IGN) sigaction(SIGTSTP, &stop_disposition, nullptr);
 }
